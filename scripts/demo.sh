@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Main job until the software OLT lands: build, then run the component tests that start
-# the daemon against the scripted forwarding plane and device manager.
+# Main job until the software OLT lands: build and run the suite, which drives the daemon's
+# layers against the scripted forwarding plane and device manager.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
