@@ -14,6 +14,8 @@
 #include "devlib/uif.h"
 #include "devlib/uvlan.h"
 #include "dhcp/dhcp_debug.h"
+#include "dhcp/dhcp_intake.h"
+#include "dhcp/dhcp_memory.h"
 #include "dhcp/dhcp_zebra.h"
 #include "lib/command.h"
 #include "lib/log.h"
@@ -24,16 +26,6 @@
 #include "platform/hal.h"
 #include "platform/product.h"
 
-DEFINE_MTYPE(DHCP, DHCP_SERVER)
-DEFINE_MTYPE(DHCP, DHCP_RELAY)
-DEFINE_MTYPE(DHCP, DHCP_LEASES)
-DEFINE_MTYPE(DHCP, DHCP_CLIENT)
-DEFINE_MTYPE(DHCP, DHCP_INFO)
-DEFINE_MTYPE(DHCP, DHCP_PORT)
-DEFINE_MTYPE(DHCP, DHCP_VLAN)
-DEFINE_MTYPE(DHCP, DHCP_OPTION_TAG)
-DEFINE_MTYPE(DHCP, DHCP_OFFER_INFO)
-DEFINE_MTYPE(DHCP, DHCP_V6_PKT)
 
 #define DHCP_VERSION "6.1"
 #define ZLOG_DHCP 22
@@ -177,6 +169,7 @@ int main(int argc, char **argv)
     cmd_init(1);
     vty_init(master, "dhcp");
     memory_init();
+    dhcp_memory_init();
     cmd_set_config_file(config_file);
 
     uif_init();
@@ -213,7 +206,9 @@ int main(int argc, char **argv)
     vty_serv_sock(vty_path);
     zlog_notice("DHCP %s starting", DHCP_VERSION);
 
+    dhcp_pkt_queue_start(master);
     thread_add_timer(master, dhcp_mib_save_timer, nullptr, 10, &t_mib_save);
+    hal_init(HAL_DHCP, master, dhcp_nl_msg);
     thread_add_timer(master, dhcp_client_info_check_timer, nullptr, 5, &t_client_check);
 
     if (config_given) {

@@ -94,3 +94,8 @@ inline bool be32_at(bytes_view b, std::size_t off, std::uint32_t &v) { wire_read
 inline bool u8_at(bytes_view b, std::size_t off, std::uint8_t &v) { wire_reader r(b); return r.skip(off) && r.u8(v); }
 inline bool put_be16_at(bytes_span b, std::size_t off, std::uint16_t v) { return off <= b.size() && wire_writer(b, off).be16(v); }
 inline bool put_be32_at(bytes_span b, std::size_t off, std::uint32_t v) { return off <= b.size() && wire_writer(b, off).be32(v); }
+
+// Fields kept in their wire order (addresses and ports compared and copied as
+// stored, as the kernel's in_addr does): 0 when the field does not fit.
+inline std::uint32_t stored32_at(bytes_view b, std::size_t off) { std::uint32_t v = 0; wire_reader r(b, off); if (off > b.size() || !r.host(v)) v = 0; return v; }
+inline std::uint16_t stored16_at(bytes_view b, std::size_t off) { std::uint16_t v = 0; wire_reader r(b, off); if (off > b.size() || !r.host(v)) v = 0; return v; }

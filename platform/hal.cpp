@@ -153,7 +153,7 @@ rx_result hal_read_one(std::vector<std::uint8_t> &buf, std::size_t &len)
     return rx_result::msg;
 }
 
-void hal_deliver(const std::uint8_t *msg, std::size_t len, hal_recv_fn fn)
+void hal_deliver(std::uint8_t *msg, std::size_t len, hal_recv_fn fn)
 {
     hal_msg_hdr_t h{};
     hal_msg_hdr_decode(bytes_view(msg, len), h);

@@ -16,8 +16,9 @@ struct thread_master;
 
 enum { HAL_DHCP = 1027 };
 
-// Receive callback: header type, payload (message + 16), header nlmsg_len.
-using hal_recv_fn = std::uint32_t (*)(int type, const std::uint8_t *buf, std::uint32_t len);
+// Receive callback: header type, payload (message + 16), header nlmsg_len. The
+// payload is writable until the callback returns, so frames are edited in place.
+using hal_recv_fn = std::uint32_t (*)(int type, std::uint8_t *buf, std::uint32_t len);
 
 // Default socket path; overridable before hal_init.
 #define HAL_DEFAULT_PATH "/var/run/olt_fp.sock"

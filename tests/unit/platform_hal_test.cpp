@@ -164,7 +164,7 @@ struct delivered {
 std::vector<delivered> g_got;
 std::function<void()> g_on_msg;
 
-std::uint32_t record_msg(int type, const std::uint8_t *buf, std::uint32_t len)
+std::uint32_t record_msg(int type, std::uint8_t *buf, std::uint32_t len)
 {
     g_got.push_back({type, bytes(buf, buf + (len - HAL_MSG_HDR_LEN))});
     if (g_on_msg) g_on_msg();
