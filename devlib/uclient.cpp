@@ -122,7 +122,10 @@ void uclient_dispatch(uclient_s *uc, devmgr_msg_t &m)
     case DEVMGR_SLOT_CFG_SYNC_START: if (uc->slot_cfg_sync_start) uc->slot_cfg_sync_start(&m.cfg); break;
     case DEVMGR_SLOT_CFG_SYNC_END: if (uc->slot_cfg_sync_end) uc->slot_cfg_sync_end(&m.cfg); break;
     case DEVMGR_REPLAY_START: zlog_info("Device manager state replay starts"); break;
-    case DEVMGR_REPLAY_END: zlog_info("Device manager state replay done"); break;
+    case DEVMGR_REPLAY_END:
+        zlog_info("Device manager state replay done");
+        if (uc->replay_end) uc->replay_end();
+        break;
     default:
         zlog_err("Device manager sent %s on the notification channel, ignored",
                  devmgr_type_name(m.type));

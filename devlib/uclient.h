@@ -28,6 +28,8 @@ struct uclient_s {
     int (*slot_switch_2_active_end)(int slot);
     int (*slot_cfg_sync_start)(umsg_cfg_sync_t *msg);
     int (*slot_cfg_sync_end)(umsg_cfg_sync_t *msg);
+    // The manager finished replaying its state on a new async connection.
+    int (*replay_end)();
     // Kept empty by the daemon.
     void *ip_add, *ip_del, *ip_update, *gpon_redistribute, *protect_group_add,
         *protect_group_del, *slot_add, *slot_remove, *slot_active, *slot_deactive;

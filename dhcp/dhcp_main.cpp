@@ -102,15 +102,43 @@ static int dhcp_uclient_serv(thread *t)
     socklen_t len = sizeof sin;
     int fd = accept(sock, reinterpret_cast<sockaddr *>(&sin), &len);
     if (fd < 0) {
+        if (errno == EINTR || errno == EAGAIN || errno == ECONNABORTED) return 0;
         zlog_err("accept async failed");
+        // Not left armed on a closed descriptor whose number may be reused.
+        thread_cancel(&t_uclient_serv);
         close(sock);
         return -1;
     }
-    // A restarted manager: this connection now carries the notifications.
+    // A restarted manager: this connection now carries the notifications and
+    // the one it replaces (if still open) is dropped.
+    if (uc->fd_async >= 0 && uc->fd_async != fd) {
+        thread_cancel(&t_uclient_read);
+        close(uc->fd_async);
+    }
     uc->fd_async = fd;
-    thread_cancel(&t_uclient_read);
     thread_add_read(master, dhcp_uclient_read, uc, fd, &t_uclient_read);
     return 0;
+}
+
+static bool startup_config_loaded;
+static thread *t_startup_config;
+enum { DHCP_REPLAY_WAIT_S = 5 };
+
+static int dhcp_load_startup_config()
+{
+    if (startup_config_loaded) return 0;
+    startup_config_loaded = true;
+    thread_cancel(&t_startup_config);
+    int failed = cmd_load_config_file(config_file);
+    if (failed < 0) zlog_err("Can't read configuration file %s", config_file);
+    else if (failed > 0) zlog_err("%d line(s) of %s failed", failed, config_file);
+    return 0;
+}
+
+static int dhcp_startup_config_timer(thread *)
+{
+    if (!startup_config_loaded) zlog_err("Device manager replay not finished; loading %s anyway", config_file);
+    return dhcp_load_startup_config();
 }
 
 static int dhcp_mib_save_timer(thread *t)
@@ -211,10 +239,11 @@ int main(int argc, char **argv)
     hal_init(HAL_DHCP, master, dhcp_nl_msg);
     thread_add_timer(master, dhcp_client_info_check_timer, nullptr, 5, &t_client_check);
 
+    // The startup configuration names ports and VLANs: it is applied once the
+    // device manager has replayed them, or after a grace period without it.
     if (config_given) {
-        int failed = cmd_load_config_file(config_file);
-        if (failed < 0) zlog_err("Can't read configuration file %s", config_file);
-        else if (failed > 0) zlog_err("%d line(s) of %s failed", failed, config_file);
+        uclient->replay_end = dhcp_load_startup_config;
+        thread_add_timer(master, dhcp_startup_config_timer, nullptr, DHCP_REPLAY_WAIT_S, &t_startup_config);
     }
 
     thread fetch;
