@@ -9,7 +9,9 @@ PACKAGES=(
   libevent-dev libnl-3-dev libnl-route-3-dev libsnmp-dev libiniparser-dev libreadline-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   # running and testing
-  iproute2 procps psmisc
+  iproute2 procps psmisc util-linux iputils-ping tcpdump
+  # real DHCP peers of the lab and the end-to-end tests
+  isc-dhcp-server isc-dhcp-client busybox dnsmasq-base
 )
 
 missing=()
@@ -28,5 +30,15 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 echo "setup: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
+# The servers are run by the lab in namespaces, never as system services: keep
+# their packages from starting one at install time.
+policy=/usr/sbin/policy-rc.d
+own_policy=0
+if [ ! -e "$policy" ]; then
+  printf '#!/bin/sh\nexit 101\n' >"$policy"
+  chmod 755 "$policy"
+  own_policy=1
+fi
+trap '[ "$own_policy" = 1 ] && rm -f "$policy"' EXIT
 apt-get update -qq
 apt-get install -y -qq --no-install-recommends "${missing[@]}"
