@@ -41,8 +41,6 @@ void dhcp_check_client_debug_start(const std::uint8_t mac[6])
 
 void dhcp_check_client_debug_end() { g_dhcp_debug_client = 0; }
 
-#define DEBUG_STR "Debugging functions\n"
-#define NO_STR "Negate a command or set its defaults\n"
 #define DHCP_STR "DHCP information\n"
 
 DEFUN(debug_dhcp_events, debug_dhcp_events_cmd, "debug dhcp events",
