@@ -6,6 +6,7 @@
 #include "dhcp/dhcp_debug.h"
 #include "devlib/ifindex.h"
 #include "devlib/uvlan.h"
+#include "lib/command.h"
 #include "platform/errcode.h"
 
 char dhcp_sysname[33];
@@ -176,6 +177,7 @@ int dhcp_update_sysname(const char *name)
 {
     std::snprintf(dhcp_sysname, sizeof dhcp_sysname, "%.32s", name ? name : "");
     zlog_info("dhcp hostname change to %s", dhcp_sysname);
+    cmd_set_hostname(dhcp_sysname);  // the shell's prompt follows the box's name
     return 0;
 }
 

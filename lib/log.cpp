@@ -7,6 +7,7 @@
 #include <string>
 #include <sys/time.h>
 #include <syslog.h>
+#include <unistd.h>
 
 namespace {
 struct zlog_state {
@@ -39,6 +40,9 @@ void openzlog(const char *progname, int protocol, int syslog_flags, int facility
 {
     (void)protocol;
     g_zlog.ident = progname ? progname : "dhcp";
+    // Without a syslog daemon LOG_CONS would write every line to the console
+    // synchronously (a third of a millisecond each): the log file is enough.
+    if (access("/dev/log", W_OK) != 0) return;
     openlog(g_zlog.ident.c_str(), syslog_flags, facility);
     g_zlog.syslog_open = true;
 }
