@@ -14,3 +14,9 @@ cmake --build "$BUILD" -j"$JOBS"
 
 cd "$BUILD"
 ctest --output-on-failure --timeout 300 -j1
+# Fuzz smoke: clang with the sanitizers, in its own build directory.
+FUZZ=${FUZZ_BUILD_DIR:-$ROOT/build-fuzz}
+cmake -S "$ROOT" -B "$FUZZ" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DDHCP_FUZZ=ON >/dev/null
+cmake --build "$FUZZ" -j"$JOBS" --target fuzz_intake
+ctest --test-dir "$FUZZ" -L fuzz --output-on-failure --timeout 120
