@@ -41,7 +41,8 @@ const char *st_packet_dump_udp(bytes_view udp, char *buf, std::size_t len);
 void st_hex_dump_packet(const char *prefix, bytes_view data);
 
 // Ones'-complement sum of 16-bit big-endian words (odd tail padded with zero),
-// folded, starting from `sum`; inet_cksum returns its complement.
+// folded, starting from `sum` (chain calls for a pseudo header).
 std::uint32_t inet_cksum_add(bytes_view data, std::uint32_t sum);
+// The checksum field value of a running sum: folded and complemented.
 std::uint16_t inet_cksum_fold(std::uint32_t sum);
 std::uint16_t inet_cksum(bytes_view data);
