@@ -1,0 +1,155 @@
+#!/usr/bin/env bash
+# The lab: oltsim and the dhcp daemon in one namespace, an upstream network
+# with a real DHCP server, and two subscribers behind ONUs, wired with veth
+# pairs.
+#
+#   lab.sh demo    build, bring the lab up, show real clients' DHCP frames in
+#                  the daemon and a switched lease, tear down (the main job)
+#   lab.sh up      bring it up and leave it running (then: lab.sh shell ...)
+#   lab.sh down    tear everything down (also after a failure)
+#   lab.sh shell ARGS...   dhcpsh on the lab's daemon
+#   lab.sh ctl ARGS...     oltctl on the lab's oltsim
+#   lab.sh exec NS CMD...  run a command in a lab namespace (olt, up, sub1, sub2)
+set -euo pipefail
+
+ROOT=$(cd "$(dirname "$0")/.." && pwd)
+BUILD=${BUILD_DIR:-$ROOT/build}
+LAB=${LAB_NAME:-dhcplab}
+RUN=${LAB_RUN:-/run/$LAB}
+NS_OLT=$LAB-olt
+NS_UP=$LAB-up
+NS_SUBS=($LAB-sub1 $LAB-sub2)
+OLT_IFS=(lab-onu1 lab-onu2)
+
+say() { printf '\n== %s\n' "$*"; }
+die() { echo "lab: $*" >&2; exit 1; }
+
+in_ns() { local ns=$1; shift; ip netns exec "$ns" "$@"; }
+dhcpsh_() { "$BUILD/dhcpsh" -s "$RUN/dhcp.vty" "$@"; }
+oltctl_() { "$BUILD/sim/oltctl" -s "$RUN/oltsim.ctl" "$@"; }
+
+wait_for() {  # wait_for SECONDS TEST...
+  local t=$(( $1 * 10 )); shift
+  while ! "$@" 2>/dev/null; do
+    t=$((t - 1)); [ $t -gt 0 ] || return 1
+    sleep 0.1
+  done
+}
+
+# Only the processes this lab started, by the pids it recorded.
+stop_pid() {
+  local f=$1 pid
+  [ -f "$f" ] || return 0
+  pid=$(cat "$f" 2>/dev/null || true)
+  if [ -n "$pid" ] && kill -0 "$pid" 2>/dev/null; then
+    kill "$pid" 2>/dev/null || true
+    for _ in $(seq 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
+    kill -9 "$pid" 2>/dev/null || true
+  fi
+  rm -f "$f"
+}
+
+down() {
+  for p in udhcpc-sub1 dhclient-sub2 dhcpd dhcp oltsim; do stop_pid "$RUN/$p.pid"; done
+  for ns in "${NS_SUBS[@]}" "$NS_UP" "$NS_OLT"; do
+    ip netns del "$ns" 2>/dev/null || true
+  done
+  rm -f "$RUN"/*.sock "$RUN"/*.vty "$RUN"/*.ctl
+}
+
+build() {
+  bash "$ROOT/scripts/setup.sh"
+  cmake -S "$ROOT" -B "$BUILD" -DDHCP_WERROR=ON >/dev/null
+  cmake --build "$BUILD" -j2 --target dhcp dhcpsh oltsim oltctl
+}
+
+up() {
+  [ "$(id -u)" -eq 0 ] || die "run as root (namespaces, AF_PACKET)"
+  ip netns add "$LAB-probe" 2>/dev/null || die "network namespaces are not available here"
+  ip netns del "$LAB-probe"
+  down
+  mkdir -p "$RUN"
+  chmod 750 "$RUN"
+
+  say "namespaces and veth pairs"
+  ip netns add "$NS_OLT"
+  ip netns add "$NS_UP"
+  in_ns "$NS_OLT" ip link set lo up
+  in_ns "$NS_UP" ip link set lo up
+  ip link add lab-up0 netns "$NS_OLT" type veth peer name eth0 netns "$NS_UP"
+  in_ns "$NS_UP" ip addr add 192.168.100.1/24 dev eth0
+  in_ns "$NS_UP" ip link set eth0 up
+  for i in 0 1; do
+    ip netns add "${NS_SUBS[$i]}"
+    in_ns "${NS_SUBS[$i]}" ip link set lo up
+    ip link add "${OLT_IFS[$i]}" netns "$NS_OLT" type veth peer name eth0 netns "${NS_SUBS[$i]}"
+    in_ns "${NS_SUBS[$i]}" ip link set eth0 up
+  done
+  ip -n "$NS_OLT" -br link
+
+  say "oltsim (software OLT: device manager and forwarding plane)"
+  in_ns "$NS_OLT" "$BUILD/sim/oltsim" -t "$ROOT/lab/lab.ini" --fp-socket "$RUN/fp.sock" \
+    --ctl-socket "$RUN/oltsim.ctl" --pid-file "$RUN/oltsim.pid" --log-file "$RUN/oltsim.log" \
+    </dev/null >>"$RUN/oltsim.out" 2>&1 &
+  wait_for 10 test -S "$RUN/oltsim.ctl" || die "oltsim did not start; see $RUN/oltsim.log"
+  oltctl_ show ports
+
+  say "dhcp daemon"
+  cp "$ROOT/lab/dhcp.conf" "$RUN/dhcp.conf"
+  in_ns "$NS_OLT" "$BUILD/dhcp" -d -f "$RUN/dhcp.conf" --hal-socket "$RUN/fp.sock" \
+    --vty-socket "$RUN/dhcp.vty" --pid-file "$RUN/dhcp.pid" --log-file "$RUN/dhcp.log" \
+    --product-file "$ROOT/lab/product.ini" </dev/null >>"$RUN/dhcp.out" 2>&1
+  wait_for 10 test -S "$RUN/dhcp.vty" || die "dhcp did not start; see $RUN/dhcp.log"
+  wait_for 10 grep -q "Device manager state replay done" "$RUN/dhcp.log" || die "no device replay; see $RUN/dhcp.log"
+  oltctl_ show fp
+
+  say "upstream DHCP server (isc-dhcp-server) on 192.168.100.1"
+  touch "$RUN/dhcpd.leases"
+  in_ns "$NS_UP" dhcpd -4 -q -cf "$ROOT/lab/dhcpd.conf" -lf "$RUN/dhcpd.leases" -pf "$RUN/dhcpd.pid" eth0 \
+    </dev/null >>"$RUN/dhcpd.out" 2>&1 || die "dhcpd did not start; see $RUN/dhcpd.out"
+}
+
+# One DHCP attempt of a real client in a subscriber namespace; 0 when it got a lease.
+client_udhcpc() {
+  in_ns "${NS_SUBS[0]}" timeout 20 busybox udhcpc -i eth0 -f -q -n -t 3 -T 2 -s /bin/true
+}
+client_dhclient() {
+  in_ns "${NS_SUBS[1]}" timeout 30 dhclient -4 -1 -v -pf "$RUN/dhclient-sub2.pid" \
+    -lf "$RUN/dhclient-sub2.leases" -sf /bin/true eth0
+}
+
+demo() {
+  build
+  trap 'echo "lab: failed; tearing down" >&2; down' ERR
+  up
+
+  say "dhcpsh: debugging on"
+  dhcpsh_ -c "configure terminal" -c "debug dhcp packet" -c "show debugging dhcp"
+
+  say "trap DHCP on VLAN 100 to the daemon; a real client (busybox udhcpc) sends DISCOVERs"
+  oltctl_ trap 100 v4 on
+  client_udhcpc || true   # the daemon takes the frames in and stops at the dispatch point
+  grep -E "recieve packet on port|option 53|dispatched" "$RUN/dhcp.log" | head -8 || true
+  grep -q "recieve packet on port gonu1/1/1:1 gem \[100:100\] vlan 100" "$RUN/dhcp.log" \
+    || die "the client's DISCOVER did not reach the daemon"
+
+  say "trap off: oltsim switches the exchange; the second client (dhclient) gets a lease"
+  oltctl_ trap 100 v4 off
+  client_dhclient
+  oltctl_ show macs 100
+  grep -E "^lease|binding state active" "$RUN/dhcpd.leases" | head -4
+
+  trap - ERR
+  say "done; tearing down (lab.sh up keeps it running)"
+  down
+}
+
+case "${1:-demo}" in
+  demo) demo ;;
+  up) build; up; echo "lab is up: lab.sh shell / lab.sh ctl / lab.sh down" ;;
+  down) down ;;
+  shell) shift; dhcpsh_ "$@" ;;
+  ctl) shift; oltctl_ "$@" ;;
+  exec) shift; ns=$1; shift; in_ns "$LAB-$ns" "$@" ;;
+  *) sed -n '2,13p' "$0"; exit 2 ;;
+esac
