@@ -13,7 +13,13 @@ bool vid_ok(unsigned vid) { return vid >= 1 && vid <= 4094; }
 
 } // namespace
 
-void uvlan_init() { uvlan_clear(); }
+// The default VLAN exists from the start, as on any switch; the device
+// manager's replay only adds to it.
+void uvlan_init()
+{
+    uvlan_clear();
+    uvlan_create(1);
+}
 
 void uvlan_clear() { g_vlans.clear(); }
 

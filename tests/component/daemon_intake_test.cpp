@@ -76,7 +76,9 @@ const bytes kSolicit = {
 
 bytes with(bytes f, std::size_t off, std::initializer_list<std::uint8_t> v)
 {
-    std::copy(v.begin(), v.end(), f.begin() + static_cast<std::ptrdiff_t>(off));
+    std::size_t i = off;
+    for (std::uint8_t b : v)
+        if (i < f.size()) f[i++] = b;
     return f;
 }
 

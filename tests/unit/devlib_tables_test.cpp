@@ -142,6 +142,9 @@ TEST_F(DevTables, StatusAndTrunkMembership)
 
 TEST_F(DevTables, VlanTableAndMembership)
 {
+    uvlan_init();  // the default VLAN exists from the start
+    EXPECT_TRUE(uvlan_is_exist(1));
+    EXPECT_EQ(uvlan_del(1), 0);
     EXPECT_EQ(uvlan_create(0), TAVO_PARAM);
     EXPECT_EQ(uvlan_create(4095), TAVO_PARAM);
     EXPECT_EQ(uvlan_create(10), 0);
