@@ -13,9 +13,12 @@
 #include "devlib/uclient.h"
 #include "devlib/uif.h"
 #include "devlib/uvlan.h"
+#include "dhcp/dhcp_client.h"
 #include "dhcp/dhcp_debug.h"
 #include "dhcp/dhcp_intake.h"
+#include "dhcp/dhcp_ipsg.h"
 #include "dhcp/dhcp_memory.h"
+#include "dhcp/dhcp_snoop.h"
 #include "dhcp/dhcp_zebra.h"
 #include "lib/command.h"
 #include "lib/log.h"
@@ -149,6 +152,7 @@ static int dhcp_mib_save_timer(thread *t)
 
 static int dhcp_client_info_check_timer(thread *t)
 {
+    dhcp_snooping_aging_client_info();
     thread_add_timer(master, dhcp_client_info_check_timer, nullptr, 5, &t_client_check);
     return 0;
 }
@@ -202,10 +206,13 @@ int main(int argc, char **argv)
 
     uif_init();
     uvlan_init();
+    dhcp_vlan_init(1);
 
     st_product_load(product_file);
 
     dhcp_debug_init();
+    dhcp_snoop_init();
+    dhcp_ipsg_init();
 
     sort_node();
     cmd_verify_help();

@@ -3,7 +3,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "dhcp/dhcp_client.h"
 #include "dhcp/dhcp_debug.h"
+#include "dhcp/dhcp_snoop.h"
 #include "devlib/ifindex.h"
 #include "devlib/uvlan.h"
 #include "lib/command.h"
@@ -32,6 +34,8 @@ int dhcp_new_if(umsg_if_t *msg)
         return TAVO_ERR;
     }
     if (type < PORT_TYPE_FE || type > PORT_TYPE_CE) return type;
+    dhcp_port_init(port);
+    if (!port->info) zlog_err("dhcp_new_if Fail to init dhcp on if %.20s %#x", msg->name, 0u);
     return 0;
 }
 
@@ -40,6 +44,8 @@ int dhcp_del_if(umsg_if_t *msg)
     int type = st_ifindex_get_port_type(msg->ifindex);
     if (!dhcp_if_type_handled(type)) return type;
     DHCP_EVENT_DEBUG("delete if %.20s", msg->name);
+    // Whatever the port's type, its DHCP record must not outlive it.
+    if (uif_t *port = uif_lookup_by_index(msg->ifindex)) dhcp_port_deinit(port);
     return uclient_del_if(msg);
 }
 
@@ -155,6 +161,10 @@ int dhcp_vlan_create(umsg_vlan_t *msg)
             zlog_err("Failed to create vlan %d", vid);
             break;
         }
+        if (dhcp_vlan_init(static_cast<std::uint16_t>(vid)) != 0) {
+            zlog_err("Failed to init dhcp vlan %d", vid);
+            break;
+        }
     }
     char text[4096];
     st_vlan_bitmap_to_str(msg->uvlan, text, sizeof text);
@@ -167,6 +177,7 @@ int dhcp_vlan_destroy(umsg_vlan_t *msg)
     for (int vid = st_get_min_vlan_in_bitmap(msg->uvlan); vid >= 0;
          vid = st_get_next_vlan_in_bitmap(msg->uvlan, vid)) {
         if (vid == 0 || !uvlan_is_exist(static_cast<std::uint16_t>(vid))) continue;
+        dhcp_vlan_free(vlan_get_entry(static_cast<std::uint16_t>(vid)));
         uvlan_del(static_cast<std::uint16_t>(vid));
         DHCP_EVENT_DEBUG("remove vlan %d", vid);
     }
@@ -185,12 +196,14 @@ int dhcp_proc_onu_status_notify(umsg_onu_op_t *msg)
 {
     zlog_info("proc %s sn %.9s status %d aging onu related clients info on the port",
               st_ifname(msg->ifindex), msg->onu_sn, msg->status);
+    dhcp_snooping_delete_client_info_by_port(msg->ifindex);
     return 0;
 }
 
 int dhcp_slot_cfg_sync_start(umsg_cfg_sync_t *msg)
 {
     zlog_info("Configuration sync start for slot %d ", (int)msg->slotid);
+    dhcp_snoop_proc_slot_recovery(msg->slotid);
     mono_api_cfg_recovery_notify_result("dhcp", (int)msg->slotid, (int)msg->cfg_prio, 0);
     return 0;
 }
