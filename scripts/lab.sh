@@ -70,6 +70,7 @@ up() {
   down
   mkdir -p "$RUN"
   chmod 750 "$RUN"
+  rm -f "$RUN"/*.log "$RUN"/*.out "$RUN"/*.leases "$RUN"/*.leases~
 
   say "namespaces and veth pairs"
   ip netns add "$NS_OLT"

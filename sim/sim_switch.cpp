@@ -96,8 +96,17 @@ void sim_switch::rx_port(std::uint32_t ifindex, bytes_view frame)
                 pk.fwd_info.srv_info.uservlan = c.servport->uservlan;
                 pk.fwd_info.srv_info.vlan_action = c.servport->action;
             }
-            pk.len = static_cast<std::uint16_t>(frame.size());
-            pk.data = frame.data();
+            // As a switch's CPU port does: the frame carries one tag, the VLAN
+            // it was classified into, whatever tags it had on the wire. A frame
+            // sent back unchanged then leaves in that VLAN with the egress
+            // port's tagging.
+            frame_buf cpu;
+            cpu.assign(frame);
+            sim_frame_strip_tags(cpu);
+            bool tagged = sim_frame_push_tag(cpu, SIM_TPID_8021Q, c.vid) && cpu.len <= HAL_PKT_DATA_MAX;
+            bytes_view out = tagged ? cpu.view() : frame;
+            pk.len = static_cast<std::uint16_t>(out.size());
+            pk.data = out.data();
             p->cnt.rx_trapped++;
             if (io_.to_module && io_.to_module(pk, fi)) {
                 stats_.trapped++;
@@ -250,7 +259,7 @@ bool sim_switch::out_raw(const sim_port &p, bytes_view frame)
 int sim_switch::from_module(const hal_msg_pkt_t &pk)
 {
     stats_.mod_frames++;
-    const std::uint16_t vid = pk.fwd_info.vid;
+    std::uint16_t vid = pk.fwd_info.vid;
     frame_buf f;
     if (pk.len < SIM_ETH_HLEN || !pk.data || !f.assign(bytes_view(pk.data, pk.len)) || vid > SIM_VLAN_MAX ||
         (pk.ifindex == 0xffffffffu && vid == 0)) {
@@ -260,6 +269,13 @@ int sim_switch::from_module(const hal_msg_pkt_t &pk)
         return TAVO_PARAM;
     }
     // With a VLAN to tag with, the frame leaves as if switched in that VLAN.
+    // Without one, a frame tagged with an existing VLAN is switched in it (as
+    // the trapped frames come tagged); an untagged one leaves as it is.
+    if (!vid && pk.ifindex != 0xffffffffu) {
+        frame_info fi;
+        if (sim_frame_parse(f.view(), fi) == FRAME_OK && fi.ntags > 0 && m_.vlans.test(fi.tags[0].vid()))
+            vid = fi.tags[0].vid();
+    }
     if (vid) sim_frame_strip_tags(f);
     auto sent = [&](bool ok) {
         ok ? stats_.mod_sent++ : stats_.mod_drop++;

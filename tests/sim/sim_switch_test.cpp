@@ -247,7 +247,8 @@ TEST(SimSwitch, TrapHandsTheModuleWhereTheFrameCameFrom)
     EXPECT_EQ(p.fwd_info.srv_info.lltag, 1100);
     EXPECT_EQ(p.fwd_info.srv_info.uservlan, 10);
     EXPECT_EQ(p.fwd_info.srv_info.vlan_action, 1);
-    EXPECT_EQ(b.module[0].data, disc) << "the frame as received, tag included";
+    EXPECT_EQ(b.module[0].data, dhcp(BCAST, MAC_A, {{0x8100, 100}}))
+        << "the frame with the tag of the VLAN it was classified into";
     EXPECT_EQ(b.m.port(ONU1)->cnt.rx_trapped, 1u);
     EXPECT_NE(b.sw->macs().lookup(100, MAC_A), nullptr) << "trapped clients are learnt (MAC port lookups)";
 
@@ -352,7 +353,9 @@ TEST(SimSwitch, ModuleFramesLeaveWithThePortsTagging)
     EXPECT_EQ(send(ONU1, 100, tagged100), 0);
     EXPECT_EQ(b.take()["onu1"], frame(MAC_A, MAC_B, {{0x8100, 10}})) << "retagged with the user VLAN";
     EXPECT_EQ(send(ONU1, 0, tagged100), 0);
-    EXPECT_EQ(b.take()["onu1"], tagged100) << "VLAN 0: exactly as given";
+    EXPECT_EQ(b.take()["onu1"], frame(MAC_A, MAC_B, {{0x8100, 10}})) << "VLAN 0: switched in the frame's VLAN";
+    EXPECT_EQ(send(ONU1, 0, plain), 0);
+    EXPECT_EQ(b.take()["onu1"], plain) << "VLAN 0, untagged: exactly as given";
     EXPECT_EQ(send(UP, 200, plain), 0);
     EXPECT_EQ(b.take()["up"], frame(MAC_A, MAC_B, {{0x8100, 200}}));
     EXPECT_EQ(send(b.m.servports[2].ifindex, 200, tagged100), 0);
