@@ -97,13 +97,7 @@ int hal_dhcp_ip_source_rule_slot(std::uint32_t ifindex, const std::uint8_t mac[6
     w.host(ip_addr);  // stored as on the wire
     w.host(action);
 
-    std::uint8_t reply[64];
-    std::size_t reply_len = 0;
-    int rc = hal_send(msg, sizeof msg, reply, sizeof reply, &reply_len);
-    if (rc != 0) return rc;
-    std::uint32_t result = 0;
-    if (!hal_msg_u32_decode(bytes_view(reply, reply_len), result)) return TAVO_ERR;
-    return int(result);
+    return hal_send_request(msg, sizeof msg);
 }
 
 int hal_dhcp_ip_source_rule(std::uint32_t ifindex, const std::uint8_t mac[6], std::uint16_t vid,

@@ -40,6 +40,37 @@ int truncated(int vid, const char *what, std::size_t len)
     return TAVO_ERR;
 }
 
+// The UDP header at udp_off: ports (one must be `server_port`), and a length
+// that the frame holds and that leaves at least `min_msg` message bytes.
+// Sets the UDP and message offsets and the message length.
+int parse_udp(dhcp_l2_pkt_t *p, bytes_view frame, std::size_t udp_off, std::uint16_t server_port,
+              const char *not_dhcp_fmt, std::size_t min_msg)
+{
+    int vid = p->l2fwd_info.rx_vlanid;
+    bytes_view udp = frame.subspan(std::min(udp_off, frame.size()));
+    if (udp.size() < UDP_HDR_LEN) return truncated(vid, "udp", udp.size());
+    if (client_debug()) {
+        char line[96];
+        trace_layer(vid, st_packet_dump_udp(udp, line, sizeof line));
+    }
+    p->udp_hdr_offset = static_cast<std::uint16_t>(udp_off);
+    p->udp_src_port = stored16_at(udp, 0);
+    p->udp_dst_port = stored16_at(udp, 2);
+    std::uint16_t sport = ntohs(p->udp_src_port), dport = ntohs(p->udp_dst_port);
+    if (sport != server_port && dport != server_port) {
+        zlog_err(not_dhcp_fmt, vid, sport, dport);
+        return TAVO_ERR;
+    }
+    std::uint16_t ulen = 0;
+    be16_at(udp, 4, ulen);
+    std::size_t msg_off = udp_off + UDP_HDR_LEN;
+    if (ulen < UDP_HDR_LEN + min_msg || msg_off + (ulen - UDP_HDR_LEN) > frame.size())
+        return truncated(vid, "udp", udp.size());
+    p->dhcp_hdr_offset = static_cast<std::uint16_t>(msg_off);
+    p->dhcp_msg_len = static_cast<std::uint16_t>(ulen - UDP_HDR_LEN);
+    return 0;
+}
+
 int parse_ipv4(dhcp_l2_pkt_t *p, bytes_view frame, std::size_t ip_off)
 {
     int vid = p->l2fwd_info.rx_vlanid;
@@ -68,28 +99,9 @@ int parse_ipv4(dhcp_l2_pkt_t *p, bytes_view frame, std::size_t ip_off)
         return TAVO_ERR;
     }
 
-    std::size_t udp_off = ip_off + ihl;
-    bytes_view udp = frame.subspan(udp_off);
-    if (udp.size() < UDP_HDR_LEN) return truncated(vid, "udp", udp.size());
-    if (client_debug()) {
-        char line[96];
-        trace_layer(vid, st_packet_dump_udp(udp, line, sizeof line));
-    }
-    p->udp_hdr_offset = static_cast<std::uint16_t>(udp_off);
-    p->udp_src_port = stored16_at(udp, 0);
-    p->udp_dst_port = stored16_at(udp, 2);
-    std::uint16_t sport = ntohs(p->udp_src_port), dport = ntohs(p->udp_dst_port);
-    if (sport != DHCP_SERVER_PORT && dport != DHCP_SERVER_PORT) {
-        zlog_err("[vid:%4d]Not dhcp packet(sport=%d, dport=%d)", vid, sport, dport);
+    if (parse_udp(p, frame, ip_off + ihl, DHCP_SERVER_PORT, "[vid:%4d]Not dhcp packet(sport=%d, dport=%d)", 0) != 0)
         return TAVO_ERR;
-    }
-    std::uint16_t ulen = 0;
-    be16_at(udp, 4, ulen);
-    std::size_t msg_off = udp_off + UDP_HDR_LEN;
-    if (ulen < UDP_HDR_LEN || msg_off + (ulen - UDP_HDR_LEN) > frame.size())
-        return truncated(vid, "udp", udp.size());
-    p->dhcp_hdr_offset = static_cast<std::uint16_t>(msg_off);
-    bytes_view msg = frame.subspan(msg_off, ulen - UDP_HDR_LEN);
+    bytes_view msg = frame.subspan(p->dhcp_hdr_offset, p->dhcp_msg_len);
 
     int type = dhcp_get_msg_type(msg);
     if (type == 0) {
@@ -105,7 +117,6 @@ int parse_ipv4(dhcp_l2_pkt_t *p, bytes_view frame, std::size_t ip_off)
     p->dhcp_server = stored32_at(msg, DHCP_OFF_SIADDR);
     p->dhcp_gateway = stored32_at(msg, DHCP_OFF_GIADDR);
     p->dhcp_msg_type = static_cast<std::uint16_t>(type);
-    p->dhcp_msg_len = static_cast<std::uint16_t>(ulen - UDP_HDR_LEN);
 
     copy_text(p->op12_host_name, 30, dhcp_get_op12_host_name(msg));
     p->op50_request_ip = dhcp_get_op50_request_ip(msg);
@@ -160,33 +171,14 @@ int parse_ipv6(dhcp_l2_pkt_t *p, bytes_view frame, std::size_t ip_off)
         return TAVO_ERR;
     }
 
-    std::size_t udp_off = ip_off + IPV6_HDR_LEN;
-    bytes_view udp = frame.subspan(udp_off);
-    if (udp.size() < UDP_HDR_LEN) return truncated(vid, "udp", udp.size());
-    if (client_debug()) {
-        char line[96];
-        trace_layer(vid, st_packet_dump_udp(udp, line, sizeof line));
-    }
-    p->udp_hdr_offset = static_cast<std::uint16_t>(udp_off);
-    p->udp_src_port = stored16_at(udp, 0);
-    p->udp_dst_port = stored16_at(udp, 2);
-    std::uint16_t sport = ntohs(p->udp_src_port), dport = ntohs(p->udp_dst_port);
-    if (sport != DHCPV6_SERVER_PORT && dport != DHCPV6_SERVER_PORT) {
-        zlog_err("[vid:%4d]Not dhcpv6 packet(sport=%d, dport=%d)", vid, sport, dport);
-        return TAVO_ERR;
-    }
-    std::uint16_t ulen = 0;
-    be16_at(udp, 4, ulen);
-    std::size_t msg_off = udp_off + UDP_HDR_LEN;
     // Type and transaction id are the least a DHCPv6 message has.
-    if (ulen < UDP_HDR_LEN + 4 || msg_off + (ulen - UDP_HDR_LEN) > frame.size())
-        return truncated(vid, "udp", udp.size());
-    p->dhcp_hdr_offset = static_cast<std::uint16_t>(msg_off);
+    if (parse_udp(p, frame, ip_off + IPV6_HDR_LEN, DHCPV6_SERVER_PORT,
+                  "[vid:%4d]Not dhcpv6 packet(sport=%d, dport=%d)", 4) != 0)
+        return TAVO_ERR;
     std::uint32_t word = 0;
-    be32_at(frame, msg_off, word);
+    be32_at(frame, p->dhcp_hdr_offset, word);
     p->dhcp_msg_type = static_cast<std::uint16_t>(word >> 24);
     p->dhcp_curr_xid = word & 0x00ffffff;
-    p->dhcp_msg_len = static_cast<std::uint16_t>(ulen - UDP_HDR_LEN);
     return 0;
 }
 

@@ -84,13 +84,7 @@ int hal_dhcp_trap_request(std::uint16_t type, std::uint16_t vid, std::uint32_t e
     w.zero(2);
     w.host<std::uint32_t>(enable);
 
-    std::uint8_t reply[64];
-    std::size_t reply_len = 0;
-    int ret = hal_send(msg, sizeof msg, reply, sizeof reply, &reply_len);
-    if (ret != 0) return ret;
-    std::uint32_t result = 0;
-    if (!hal_msg_u32_decode(bytes_view(reply, reply_len), result)) return TAVO_ERR;
-    return static_cast<int>(result);
+    return hal_send_request(msg, sizeof msg);
 }
 
 } // namespace

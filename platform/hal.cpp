@@ -354,3 +354,14 @@ int hal_send(std::uint8_t *msg, std::size_t len, std::uint8_t *reply, std::size_
 }
 
 const hal_stats_t &hal_get_stats() { return g_hal.stats; }
+
+int hal_send_request(std::uint8_t *msg, std::size_t len)
+{
+    std::uint8_t reply[64];
+    std::size_t reply_len = 0;
+    int rc = hal_send(msg, len, reply, sizeof reply, &reply_len);
+    if (rc != 0) return rc;
+    std::uint32_t result = 0;
+    if (!hal_msg_u32_decode(bytes_view(reply, reply_len), result)) return TAVO_ERR;
+    return static_cast<int>(result);
+}

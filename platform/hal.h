@@ -46,6 +46,11 @@ int hal_send_async(const std::uint8_t *msg, std::size_t len);
 int hal_send(std::uint8_t *msg, std::size_t len, std::uint8_t *reply, std::size_t reply_cap,
              std::size_t *reply_len);
 
+// A request answered with a u32 result (DHCP traps, source-guard rules ...):
+// sends it with hal_send and returns the peer's result, the channel's failure,
+// or TAVO_ERR for an answer without a result.
+int hal_send_request(std::uint8_t *msg, std::size_t len);
+
 struct hal_stats_t {
     std::uint64_t rx_msgs, rx_bytes, rx_bad, tx_msgs, tx_fail, connects, disconnects;
     std::uint64_t rx_queue_drops;  // held back during hal_send and over the bound
