@@ -4,8 +4,10 @@
 
 #include "devlib/ifindex.h"
 #include "devlib/uif.h"
+#include "dhcp/dhcp_client.h"
 #include "dhcp/dhcp_debug.h"
 #include "dhcp/dhcp_opt.h"
+#include "dhcp/dhcp_snoop.h"
 #include "dhcp/dhcp_zebra.h"
 #include "dhcp/dhcpv6_msg.h"
 #include "platform/errcode.h"
@@ -110,6 +112,27 @@ void dhcp_send_l2_packet_to_server(const dhcp_l2_pkt_t *p, std::uint32_t src_ifi
     else
         zlog_debug("[vid:%4d]send srcif %s client %s message %s to server", vid, st_ifname(src_ifindex), mac,
                    dhcp_msg_type_str(p->dhcp_msg_type));
+}
+
+int dhcp_send_l2_packet_to_client(dhcp_l2_pkt_t *p, std::uint32_t src_ifindex)
+{
+    int vid = p->l2fwd_info.rx_vlanid;
+    char client[16];
+    const std::uint8_t *c = p->dhcp_client_addr;
+    std::snprintf(client, sizeof client, "%02x%02x-%02x%02x-%02x%02x", c[0], c[1], c[2], c[3], c[4], c[5]);
+    static const std::uint8_t bcast[6] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
+    if (std::memcmp(p->eth_dst_mac, bcast, 6) == 0 && !dhcp_reply_is_multicast_keep() && p->raw_packet_len >= 6) {
+        std::memcpy(p->raw_packet, p->dhcp_client_addr, 6);
+        std::memcpy(p->eth_dst_mac, p->dhcp_client_addr, 6);
+        DHCP_PKT_DEBUG("[vid:%4d]change dmac to client mac %s", vid, client);
+    }
+    DHCP_PKT_DEBUG("[vid:%4d]send server message %s from %s to client %s", vid, dhcp_msg_type_str(p->dhcp_msg_type),
+                   st_ifname(src_ifindex), client);
+    uif_t *port = dhcp_snooping_get_client_interface_by_vlan_mac(p->dhcp_client_addr, p->l2fwd_info.rx_vlanid);
+    std::uint32_t out = port ? port->ifindex : DHCP_IFINDEX_ALL;
+    int slot = port ? st_ifindex_get_slot_id(port->ifindex) : 0;
+    if (slot < 0) slot = 0;  // a logical port lives on this controller
+    return dhcp_send_l2_packet(p->raw_packet, p->l2fwd_info.rx_vlanid, out, p->raw_packet_len, src_ifindex, slot);
 }
 
 int dhcp_packet_send(const std::uint8_t *buf, std::uint16_t vid, std::uint16_t len, std::uint32_t out_ifindex,

@@ -6,10 +6,20 @@
 #include <memory>
 #include <vector>
 
+#include <unistd.h>
+
+#include "devlib/ifindex.h"
+#include "devlib/uif.h"
+#include "devlib/uvlan.h"
+#include "dhcp/dhcp_client.h"
 #include "dhcp/dhcp_opt.h"
 #include "dhcp/dhcp_pkt.h"
 #include "dhcp/dhcp_send.h"
+#include "dhcp/dhcp_snoop.h"
+#include "lib/thread.h"
 #include "platform/errcode.h"
+#include "platform/hal.h"
+#include "tests/support/fake_fp.h"
 
 namespace {
 
@@ -215,6 +225,81 @@ TEST(FrameSend, SizeLimitIsBelow1600)
     EXPECT_EQ(dhcp_send_l2_packet(big.data(), 100, 1, 1600, 0, 0), TAVO_ERR);
     EXPECT_EQ(dhcp_packet_send(big.data(), 100, 300, DHCP_IFINDEX_ALL, 0), TAVO_ERR);
     EXPECT_EQ(dhcp_packet_send(big.data(), 100, 300, DHCP_IFINDEX_ALL, 1), TAVO_ERR);  // no uplink known
+}
+
+// The senders' packet messages, through a scripted forwarding plane.
+class FrameSendFp : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        path_ = "/tmp/pkt_fp_" + std::to_string(getpid());
+        uif_init();
+        uvlan_init();
+        dhcp_snoop_init();
+        ASSERT_TRUE(fp_.start(path_));
+        master_ = thread_master_create("pkt-test");
+        hal_set_path(path_.c_str());
+        ASSERT_EQ(hal_init(HAL_DHCP, master_, [](int, std::uint8_t *, std::uint32_t) -> std::uint32_t { return 0; }),
+                  0);
+        ASSERT_TRUE(fp_.wait_registered(2000));
+    }
+    void TearDown() override
+    {
+        hal_close();
+        thread_master_free(master_);
+        fp_.stop();
+        dhcp_client_tree_destroy();
+        uif_clear();
+    }
+    fake_fp fp_;
+    thread_master *master_ = nullptr;
+    std::string path_;
+};
+
+TEST_F(FrameSendFp, ReplyGoesUnicastToTheBoundClientsPort)
+{
+    const std::uint32_t onu = st_ifindex_gen_by_phyinfo(PORT_TYPE_GONU, 1, 1, 0, 1, 1);
+    const std::uint32_t up = st_ifindex_gen_by_phyinfo(PORT_TYPE_GE, 1, 1, 0, 1, 0);
+    uif_get_or_create(onu, true);
+    bytes disc = discover_frame();
+    parsed d(disc);
+    ASSERT_EQ(d.rc, 0);
+    d.pkt.l2fwd_info.rx_ifindex = onu;
+    ASSERT_NE(dhcp_add_client_lease_info(1, &d.pkt), nullptr);
+
+    bytes offer = discover_frame();
+    offer[DHCP_OFF + DHCP_OFF_OP] = BOOTREPLY;
+    offer[DHCP_OFF + DHCP_OFF_OPTIONS + 2] = DHCPOFFER;
+    parsed o(offer);
+    ASSERT_EQ(o.rc, 0);
+    ASSERT_EQ(dhcp_send_l2_packet_to_client(&o.pkt, up), 0);
+    ASSERT_TRUE(fp_.wait_received(1, 2000));
+    fake_fp_msg m = fp_.received().at(0);
+    EXPECT_EQ(m.hdr.nlmsg_len, 1680u);
+    EXPECT_EQ(m.hdr.nlmsg_type, 1);
+    EXPECT_EQ(m.hdr.nlmsg_flags, 1);
+    EXPECT_EQ(m.hdr.nlmsg_pid, 1u);  // the client port's slot
+    hal_msg_pkt_t p{};
+    ASSERT_TRUE(hal_msg_pkt_decode(m.payload(), p));
+    EXPECT_EQ(p.ifindex, onu);
+    EXPECT_EQ(p.flags, 129u);
+    EXPECT_EQ(p.fwd_info.vid, 100);
+    EXPECT_EQ(p.src_if, up);
+    ASSERT_EQ(p.len, offer.size());
+    EXPECT_EQ(bytes(p.data, p.data + 6), (bytes{0, 0x11, 0x22, 0x33, 0x44, 0x55})) << "broadcast made unicast";
+    EXPECT_EQ(bytes(p.data + 6, p.data + p.len), bytes(offer.begin() + 6, offer.end()));
+
+    // With the keep switch on, and for a client nobody knows (all ports).
+    dhcp_reply_set_multicast_keep_enable();
+    parsed o2(offer);
+    std::memcpy(o2.pkt.dhcp_client_addr, "\x00\x99\x99\x99\x99\x99", 6);
+    fp_.clear_received();
+    dhcp_send_l2_packet_to_client(&o2.pkt, up);
+    ASSERT_TRUE(fp_.wait_received(1, 2000));
+    ASSERT_TRUE(hal_msg_pkt_decode(fp_.received().at(0).payload(), p));
+    EXPECT_EQ(p.ifindex, 0xffffffffu);
+    EXPECT_EQ(bytes(p.data, p.data + 6), bytes(6, 0xff));
+    dhcp_reply_set_multicast_keep_disable();
 }
 
 }  // namespace
