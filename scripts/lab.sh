@@ -12,7 +12,7 @@
 #   lab.sh exec NS CMD...  run a command in a lab namespace (olt, up, sub1, sub2)
 set -euo pipefail
 
-ROOT=$(cd "$(dirname "$0")/.." && pwd)
+ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 BUILD=${BUILD_DIR:-$ROOT/build}
 LAB=${LAB_NAME:-dhcplab}
 RUN=${LAB_RUN:-/run/$LAB}
@@ -63,6 +63,28 @@ build() {
   cmake --build "$BUILD" -j2 --target dhcp dhcpsh oltsim oltctl
 }
 
+start_oltsim() {
+  rm -f "$RUN/oltsim.ctl"
+  in_ns "$NS_OLT" "$BUILD/sim/oltsim" -t "$ROOT/lab/lab.ini" --fp-socket "$RUN/fp.sock" \
+    --ctl-socket "$RUN/oltsim.ctl" --pid-file "$RUN/oltsim.pid" --log-file "$RUN/oltsim.log" \
+    </dev/null >>"$RUN/oltsim.out" 2>&1 &
+  wait_for 10 test -S "$RUN/oltsim.ctl" || die "oltsim did not start; see $RUN/oltsim.log"
+}
+
+replays() { grep -c "Device manager state replay done" "$RUN/dhcp.log" 2>/dev/null || true; }
+replayed_since() { [ "$(replays)" -gt "$1" ]; }
+
+start_dhcp() {
+  local before
+  before=$(replays)
+  rm -f "$RUN/dhcp.vty"
+  in_ns "$NS_OLT" "$BUILD/dhcp" -d -f "$RUN/dhcp.conf" --hal-socket "$RUN/fp.sock" \
+    --vty-socket "$RUN/dhcp.vty" --pid-file "$RUN/dhcp.pid" --log-file "$RUN/dhcp.log" \
+    --product-file "$ROOT/lab/product.ini" </dev/null >>"$RUN/dhcp.out" 2>&1
+  wait_for 10 test -S "$RUN/dhcp.vty" || die "dhcp did not start; see $RUN/dhcp.log"
+  wait_for 10 replayed_since "${before:-0}" || die "no device replay; see $RUN/dhcp.log"
+}
+
 up() {
   [ "$(id -u)" -eq 0 ] || die "run as root (namespaces, AF_PACKET)"
   ip netns add "$LAB-probe" 2>/dev/null || die "network namespaces are not available here"
@@ -89,19 +111,12 @@ up() {
   ip -n "$NS_OLT" -br link
 
   say "oltsim (software OLT: device manager and forwarding plane)"
-  in_ns "$NS_OLT" "$BUILD/sim/oltsim" -t "$ROOT/lab/lab.ini" --fp-socket "$RUN/fp.sock" \
-    --ctl-socket "$RUN/oltsim.ctl" --pid-file "$RUN/oltsim.pid" --log-file "$RUN/oltsim.log" \
-    </dev/null >>"$RUN/oltsim.out" 2>&1 &
-  wait_for 10 test -S "$RUN/oltsim.ctl" || die "oltsim did not start; see $RUN/oltsim.log"
+  start_oltsim
   oltctl_ show ports
 
   say "dhcp daemon"
   cp "$ROOT/lab/dhcp.conf" "$RUN/dhcp.conf"
-  in_ns "$NS_OLT" "$BUILD/dhcp" -d -f "$RUN/dhcp.conf" --hal-socket "$RUN/fp.sock" \
-    --vty-socket "$RUN/dhcp.vty" --pid-file "$RUN/dhcp.pid" --log-file "$RUN/dhcp.log" \
-    --product-file "$ROOT/lab/product.ini" </dev/null >>"$RUN/dhcp.out" 2>&1
-  wait_for 10 test -S "$RUN/dhcp.vty" || die "dhcp did not start; see $RUN/dhcp.log"
-  wait_for 10 grep -q "Device manager state replay done" "$RUN/dhcp.log" || die "no device replay; see $RUN/dhcp.log"
+  start_dhcp
   oltctl_ show fp
 
   say "upstream DHCP server (isc-dhcp-server) on 192.168.100.1"
@@ -144,6 +159,9 @@ demo() {
   say "done; tearing down (lab.sh up keeps it running)"
   down
 }
+
+# Sourced (by the end-to-end tests) it only defines the functions.
+[[ "${BASH_SOURCE[0]}" == "$0" ]] || return 0
 
 case "${1:-demo}" in
   demo) demo ;;
