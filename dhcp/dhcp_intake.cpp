@@ -1,4 +1,5 @@
 #include "dhcp/dhcp_intake.h"
+#include "dhcp/dhcp_l2relay.h"
 
 #include <algorithm>
 #include <cstring>
@@ -54,12 +55,13 @@ static void dhcp_trace_rx(const dhcp_l2_pkt_t &pkt)
         zlog_debug("[vid:%4d]service port %s", fwd.rx_vlanid, st_ifname(fwd.rx_sport_ifindex));
 }
 
-// The hand-off to the layer-2 paths; until they exist a frame ends here.
+// The hand-off to the DHCPv4 paths.
 static void dhcp_dispatch_v4(uif_t *port, dhcp_l2_pkt_t &pkt)
 {
     const std::uint8_t *m = pkt.dhcp_client_addr;
     DHCP_PKT_DEBUG("[vid:%4d]%s from %02x%02x-%02x%02x-%02x%02x on port %s dispatched", pkt.l2fwd_info.rx_vlanid,
                    dhcp_msg_type_str(pkt.dhcp_msg_type), m[0], m[1], m[2], m[3], m[4], m[5], port->name);
+    dhcp_proc_netlink_l2_packet(port, &pkt);
 }
 
 static void dhcp_dispatch_v6(uif_t *port, dhcp_l2_pkt_t &pkt)
