@@ -1,4 +1,5 @@
 #include "dhcp/dhcp_client.h"
+#include "dhcp/dhcp_l2relay.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -231,13 +232,7 @@ void set_out_tag(dhcp_client_info_t *c, const dhcp_l2_pkt_t *p)
     c->out_vlan_stack_depth = 1;
 }
 
-std::uint32_t select_lease_time(const dhcp_l2_pkt_t *p)
-{
-    enum { DHCP_LEASE_TIME_ABSENT = 864000 };
-    bytes_view value;
-    if (!dhcp_option_value(dhcp_l2_message(p), DHCP_LEASE_TIME, value)) return DHCP_LEASE_TIME_ABSENT;
-    return p->op51_lease_time;
-}
+std::uint32_t select_lease_time(const dhcp_l2_pkt_t *p) { return dhcp_select_lease_time(dhcp_l2_message(p)); }
 
 bool filter_mac_match(const std::uint8_t *want, const std::uint8_t mac[6])
 {

@@ -42,7 +42,7 @@ struct ip_str {
 std::uint32_t dhcp_select_lease_time(bytes_view packet)
 {
     bytes_view v;
-    if (!dhcp_option_value(packet, DHCP_LEASE_TIME, v) || v.size() < 4) return DHCP_LEASE_TIME_DEFAULT;
+    if (!dhcp_option_value(packet, DHCP_LEASE_TIME, v)) return DHCP_LEASE_TIME_DEFAULT;
     return dhcp_get_op51_lease_time(packet);
 }
 
