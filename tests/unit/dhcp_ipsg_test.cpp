@@ -21,7 +21,7 @@
 #include "lib/vty.h"
 #include "platform/errcode.h"
 #include "platform/hal.h"
-#include "tests/support/fake_fp.h"
+#include "tests/support/hal_session.h"
 
 namespace {
 
@@ -87,15 +87,7 @@ protected:
     }
     void SetUp() override
     {
-        path_ = "/tmp/ipsg_fp_" + std::to_string(getpid()) + "_" +
-                ::testing::UnitTest::GetInstance()->current_test_info()->name();
-        ASSERT_TRUE(fp_.start(path_));
-        fp_.set_auto_reply(true);
-        master_ = thread_master_create("ipsg-test");
-        hal_set_path(path_.c_str());
-        ASSERT_EQ(hal_init(HAL_DHCP, master_, [](int, std::uint8_t *, std::uint32_t) -> std::uint32_t { return 0; }),
-                  0);
-        ASSERT_TRUE(fp_.wait_registered(2000));
+        ASSERT_TRUE(hal_.start(std::string("ipsg_") + ::testing::UnitTest::GetInstance()->current_test_info()->name()));
         dhcp_client_tree_destroy();
         ASSERT_TRUE(dhcp_client_tree_create(DHCP_CLIENT_TREE_MAX));
         dhcp_ipsg_init();
@@ -106,9 +98,7 @@ protected:
     }
     void TearDown() override
     {
-        hal_close();
-        thread_master_free(master_);
-        fp_.stop();
+        hal_.stop();
         dhcp_ipsg_init();
         dhcp_client_tree_destroy();
         for (std::uint16_t v = 1; v <= 4094; ++v)
@@ -141,9 +131,8 @@ protected:
         return out;
     }
 
-    fake_fp fp_;
-    std::string path_;
-    thread_master *master_ = nullptr;
+    hal_session hal_;
+    fake_fp &fp_ = hal_.fp;
     std::uint32_t onu_ = 0;
 };
 

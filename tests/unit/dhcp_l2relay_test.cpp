@@ -14,10 +14,8 @@
 #include "dhcp/dhcp_l2relay.h"
 #include "dhcp/dhcp_opt.h"
 #include "dhcp/dhcp_snoop.h"
-#include "lib/thread.h"
 #include "platform/errcode.h"
-#include "platform/hal.h"
-#include "tests/support/fake_fp.h"
+#include "tests/support/hal_session.h"
 
 namespace {
 
@@ -68,18 +66,11 @@ class L2Path : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        path_ = "/tmp/l2path_fp_" + std::to_string(getpid());
         uif_init();
         uvlan_init();
         dhcp_snoop_init();
         dhcp_ipsg_init();
-        ASSERT_TRUE(fp_.start(path_));
-        fp_.set_auto_reply(true);
-        master_ = thread_master_create("l2-test");
-        hal_set_path(path_.c_str());
-        ASSERT_EQ(hal_init(HAL_DHCP, master_, [](int, std::uint8_t *, std::uint32_t) -> std::uint32_t { return 0; }),
-                  0);
-        ASSERT_TRUE(fp_.wait_registered(2000));
+        ASSERT_TRUE(hal_.start("l2path"));
         uvlan_create(100);
         ASSERT_EQ(dhcp_vlan_init(100), 0);
         up_ = port(st_ifindex_gen_by_phyinfo(PORT_TYPE_GE, 1, 1, 0, 1, 0));
@@ -87,9 +78,7 @@ protected:
     }
     void TearDown() override
     {
-        hal_close();
-        thread_master_free(master_);
-        fp_.stop();
+        hal_.stop();
         dhcp_ipsg_init();
         dhcp_client_tree_destroy();
         for (uif_t *p = uif_first(); p; p = uif_next(p)) dhcp_port_deinit(p);
@@ -143,9 +132,8 @@ protected:
         sent(0);
     }
 
-    fake_fp fp_;
-    thread_master *master_ = nullptr;
-    std::string path_;
+    hal_session hal_;
+    fake_fp &fp_ = hal_.fp;
     uif_t *up_ = nullptr, *onu_ = nullptr;
     bytes buf_;
     dhcp_l2_pkt_t pkt_{};

@@ -19,7 +19,7 @@
 #include "lib/thread.h"
 #include "platform/errcode.h"
 #include "platform/hal.h"
-#include "tests/support/fake_fp.h"
+#include "tests/support/hal_session.h"
 
 namespace {
 
@@ -232,28 +232,19 @@ class FrameSendFp : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        path_ = "/tmp/pkt_fp_" + std::to_string(getpid());
         uif_init();
         uvlan_init();
         dhcp_snoop_init();
-        ASSERT_TRUE(fp_.start(path_));
-        master_ = thread_master_create("pkt-test");
-        hal_set_path(path_.c_str());
-        ASSERT_EQ(hal_init(HAL_DHCP, master_, [](int, std::uint8_t *, std::uint32_t) -> std::uint32_t { return 0; }),
-                  0);
-        ASSERT_TRUE(fp_.wait_registered(2000));
+        ASSERT_TRUE(hal_.start("pkt", false));
     }
     void TearDown() override
     {
-        hal_close();
-        thread_master_free(master_);
-        fp_.stop();
+        hal_.stop();
         dhcp_client_tree_destroy();
         uif_clear();
     }
-    fake_fp fp_;
-    thread_master *master_ = nullptr;
-    std::string path_;
+    hal_session hal_;
+    fake_fp &fp_ = hal_.fp;
 };
 
 TEST_F(FrameSendFp, ReplyGoesUnicastToTheBoundClientsPort)

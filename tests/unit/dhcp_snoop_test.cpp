@@ -24,7 +24,7 @@
 #include "lib/thread.h"
 #include "platform/errcode.h"
 #include "platform/hal.h"
-#include "tests/support/fake_fp.h"
+#include "tests/support/hal_session.h"
 
 namespace {
 
@@ -68,20 +68,13 @@ protected:
     void SetUp() override
     {
         std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
-        path_ = "/tmp/snoop_fp_" + std::to_string(getpid()) + "_" + name;
         log_ = "/tmp/snoop_log_" + std::to_string(getpid()) + "_" + name;
         uif_init();
         uvlan_init();
         dhcp_snoop_init();
         dhcp_ipsg_init();
         g_dhcp_global_cfg.relay_enable = 0;
-        ASSERT_TRUE(fp_.start(path_));
-        fp_.set_auto_reply(true);
-        master_ = thread_master_create("snoop-test");
-        hal_set_path(path_.c_str());
-        ASSERT_EQ(hal_init(HAL_DHCP, master_, [](int, std::uint8_t *, std::uint32_t) -> std::uint32_t { return 0; }),
-                  0);
-        ASSERT_TRUE(fp_.wait_registered(2000));
+        ASSERT_TRUE(hal_.start("snoop_" + name));
         for (std::uint16_t v : {10, 20, 30}) {
             uvlan_create(v);
             ASSERT_EQ(dhcp_vlan_init(v), 0);
@@ -91,9 +84,7 @@ protected:
     {
         zlog_set_file(nullptr);
         unlink(log_.c_str());
-        hal_close();
-        thread_master_free(master_);
-        fp_.stop();
+        hal_.stop();
         dhcp_ipsg_init();
         dhcp_client_tree_destroy();
         for (uif_t *p = uif_first(); p; p = uif_next(p)) dhcp_port_deinit(p);
@@ -136,9 +127,9 @@ protected:
         return ss.str();
     }
 
-    fake_fp fp_;
-    thread_master *master_ = nullptr;
-    std::string path_, log_;
+    hal_session hal_;
+    fake_fp &fp_ = hal_.fp;
+    std::string log_;
 };
 
 TEST_F(Snoop, TrapRequestsCarryTypeSlotVlanAndSwitchInTheirFixedLayout)
