@@ -1,10 +1,13 @@
 // Traffic ends for the oltsim benchmark (bench/bench_oltsim.sh runs them in
 // network namespaces):
 //   bench_oltsim send IFNAME COUNT SIZE [dhcp]  blast COUNT broadcast UDP frames
+//                                               (dhcp: a DISCOVER, UDP 68->67)
 //   bench_oltsim recv IFNAME SECONDS            count the sender's frames
-//   bench_oltsim module SOCKET SECONDS          a null module: register, count trapped frames
-// Counting ends one second after the last frame (or at SECONDS); the rate is
-// taken from the first to the last frame seen.
+//   bench_oltsim module SOCKPATH SECONDS        a null module: register as 1027,
+//                                               count and drop trapped frames
+// Counting ends one idle second after the first frame, or at SECONDS; the rate
+// is taken from the first to the last frame seen.
+#include <algorithm>
 #include <arpa/inet.h>
 #include <chrono>
 #include <cstdio>
@@ -26,13 +29,14 @@
 
 namespace {
 
-using clock_t_ = std::chrono::steady_clock;
+using bench_clock = std::chrono::steady_clock;
 const std::uint8_t SRC[6] = {0x02, 0xbe, 0x4c, 0x00, 0x00, 0x01};
+constexpr std::uint32_t MODULE_DHCP = 1027;
 
 std::vector<std::uint8_t> make_frame(std::size_t size, bool dhcp)
 {
     std::size_t min = dhcp ? 14 + 28 + 244 : 14 + 28;
-    std::vector<std::uint8_t> f(std::max(size, min), 0);
+    std::vector<std::uint8_t> f(std::min<std::size_t>(std::max(size, min), 1514), 0);
     bytes_span b(f);
     std::memset(f.data(), 0xff, 6);
     std::memcpy(f.data() + 6, SRC, 6);
@@ -47,15 +51,16 @@ std::vector<std::uint8_t> make_frame(std::size_t size, bool dhcp)
     put_be16_at(b, 38, std::uint16_t(f.size() - 34));
     put_be16_at(b, 24, inet_cksum(bytes_view(f.data() + 14, 20)));
     if (dhcp) {
-        std::uint8_t *m = f.data() + 42;
+        bytes_span m(f.data() + 42, f.size() - 42);
         m[0] = 1, m[1] = 1, m[2] = 6;
-        std::memcpy(m + 28, SRC, 6);
-        put_be32_at(bytes_span(m, 244), 236, 0x63825363);
+        std::memcpy(m.data() + 28, SRC, 6);
+        put_be32_at(m, 236, 0x63825363);
         m[240] = 53, m[241] = 1, m[242] = 1, m[243] = 255;
     }
     return f;
 }
 
+// proto 0 for the sender: it never reads, so it must not queue its own frames.
 int packet_socket(const char *ifname, int proto)
 {
     int fd = socket(AF_PACKET, SOCK_RAW, htons(std::uint16_t(proto)));
@@ -68,7 +73,8 @@ int packet_socket(const char *ifname, int proto)
         std::exit(1);
     }
     int sz = 8 << 20;
-    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &sz, sizeof sz);
+    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &sz, sizeof sz) != 0)
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &sz, sizeof sz);
     return fd;
 }
 
@@ -77,9 +83,9 @@ template <class F> void count_until_idle(int fd, int seconds, F take)
 {
     std::vector<std::uint8_t> buf(4096);
     long n = 0;
-    clock_t_::time_point first{}, last{};
-    auto deadline = clock_t_::now() + std::chrono::seconds(seconds);
-    while (clock_t_::now() < deadline) {
+    bench_clock::time_point first{}, last{};
+    auto deadline = bench_clock::now() + std::chrono::seconds(seconds);
+    while (bench_clock::now() < deadline) {
         pollfd p{fd, POLLIN, 0};
         if (poll(&p, 1, 1000) <= 0) {
             if (n) break;
@@ -88,11 +94,61 @@ template <class F> void count_until_idle(int fd, int seconds, F take)
         ssize_t got = recv(fd, buf.data(), buf.size(), 0);
         if (got <= 0) break;
         if (!take(bytes_view(buf.data(), std::size_t(got)))) continue;
-        last = clock_t_::now();
+        last = bench_clock::now();
         if (n++ == 0) first = last;
     }
     double s = std::chrono::duration<double>(last - first).count();
-    std::printf("received=%ld seconds=%.3f rate=%.0f\n", n, s, n > 1 && s > 0 ? (n - 1) / s : 0.0);
+    std::printf("received=%ld seconds=%.3f rate=%.0f\n", n, s, n > 1 && s > 0 ? double(n - 1) / s : 0.0);
+}
+
+int do_send(const char *ifname, long count, std::size_t size, bool dhcp)
+{
+    int fd = packet_socket(ifname, 0);
+    auto f = make_frame(size, dhcp);
+    auto t0 = bench_clock::now();
+    long sent = 0;
+    for (long i = 0; i < count; ++i)
+        if (send(fd, f.data(), f.size(), 0) == ssize_t(f.size())) ++sent;
+    double s = std::chrono::duration<double>(bench_clock::now() - t0).count();
+    std::printf("sent=%ld seconds=%.3f rate=%.0f\n", sent, s, s > 0 ? double(sent) / s : 0.0);
+    return 0;
+}
+
+int do_module(const char *path, int seconds)
+{
+    int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    sockaddr_un sa{};
+    sa.sun_family = AF_UNIX;
+    std::snprintf(sa.sun_path, sizeof sa.sun_path, "%s", path);
+    if (fd < 0 || connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0) {
+        std::perror("connect");
+        return 1;
+    }
+    std::uint8_t reg[HAL_MSG_REG_LEN];
+    hal_msg_u32_build(bytes_span(reg), HAL_MSG_TYPE_REGISTER, HAL_MSG_FLAG_REQUEST, 1, MODULE_DHCP);
+    if (send(fd, reg, sizeof reg, 0) != ssize_t(sizeof reg)) {
+        std::perror("register");
+        return 1;
+    }
+    // Nothing is trapped to us before the answer, so it is the next message.
+    std::uint8_t ans[64];
+    pollfd p{fd, POLLIN, 0};
+    ssize_t got = poll(&p, 1, 2000) == 1 ? recv(fd, ans, sizeof ans, 0) : -1;
+    hal_msg_hdr_t h{};
+    std::uint32_t result = 1;
+    if (got <= 0 || !hal_msg_hdr_decode(bytes_view(ans, std::size_t(got)), h) ||
+        h.nlmsg_type != HAL_MSG_TYPE_REGISTER || !hal_msg_u32_decode(bytes_view(ans, std::size_t(got)), result) ||
+        result != 0) {
+        std::fprintf(stderr, "registration not accepted\n");
+        return 1;
+    }
+    std::printf("registered\n");
+    std::fflush(stdout);
+    count_until_idle(fd, seconds, [](bytes_view b) {
+        hal_msg_hdr_t m{};
+        return hal_msg_hdr_decode(b, m) && m.nlmsg_type == HAL_MSG_TYPE_PKT;
+    });
+    return 0;
 }
 
 }  // namespace
@@ -100,18 +156,9 @@ template <class F> void count_until_idle(int fd, int seconds, F take)
 int main(int argc, char **argv)
 {
     std::string mode = argc > 1 ? argv[1] : "";
-    if (mode == "send" && argc >= 5) {
-        int fd = packet_socket(argv[2], ETH_P_ALL);
-        long count = std::atol(argv[3]);
-        auto f = make_frame(std::size_t(std::atol(argv[4])), argc > 5 && std::string(argv[5]) == "dhcp");
-        auto t0 = clock_t_::now();
-        long sent = 0;
-        for (long i = 0; i < count; ++i)
-            if (send(fd, f.data(), f.size(), 0) == ssize_t(f.size())) ++sent;
-        double s = std::chrono::duration<double>(clock_t_::now() - t0).count();
-        std::printf("sent=%ld seconds=%.3f rate=%.0f\n", sent, s, s > 0 ? sent / s : 0.0);
-        return 0;
-    }
+    if (mode == "send" && argc >= 5)
+        return do_send(argv[2], std::atol(argv[3]), std::size_t(std::atol(argv[4])),
+                       argc > 5 && std::string(argv[5]) == "dhcp");
     if (mode == "recv" && argc >= 4) {
         int fd = packet_socket(argv[2], ETH_P_ALL);
         count_until_idle(fd, std::atoi(argv[3]), [](bytes_view b) {
@@ -119,26 +166,7 @@ int main(int argc, char **argv)
         });
         return 0;
     }
-    if (mode == "module" && argc >= 4) {
-        int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-        sockaddr_un sa{};
-        sa.sun_family = AF_UNIX;
-        std::snprintf(sa.sun_path, sizeof sa.sun_path, "%s", argv[2]);
-        if (fd < 0 || connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0) {
-            std::perror("connect");
-            return 1;
-        }
-        std::uint8_t reg[HAL_MSG_REG_LEN];
-        hal_msg_u32_build(bytes_span(reg), HAL_MSG_TYPE_REGISTER, HAL_MSG_FLAG_REQUEST, 1, 1027);
-        if (send(fd, reg, sizeof reg, 0) != ssize_t(sizeof reg)) return 1;
-        std::printf("registered\n");
-        std::fflush(stdout);
-        count_until_idle(fd, std::atoi(argv[3]), [](bytes_view b) {
-            hal_msg_hdr_t h{};
-            return hal_msg_hdr_decode(b, h) && h.nlmsg_type == HAL_MSG_TYPE_PKT;
-        });
-        return 0;
-    }
-    std::fprintf(stderr, "usage: bench_oltsim send IF COUNT SIZE [dhcp] | recv IF SECONDS | module SOCKET SECONDS\n");
+    if (mode == "module" && argc >= 4) return do_module(argv[2], std::atoi(argv[3]));
+    std::fprintf(stderr, "usage: bench_oltsim send IF COUNT SIZE [dhcp] | recv IF SECONDS | module SOCKPATH SECONDS\n");
     return 2;
 }
