@@ -136,6 +136,9 @@ std::uint32_t dhcp_l2relay_proc_dhcpv4_packet(uif_t *pif, uvlan_entry_t *vlan_en
 {
     int vid = p->l2fwd_info.rx_vlanid;
     std::uint32_t src_port = dhcp_get_l2_packet_source_port(pif->ifindex);
+    // At layer 2 a reply is relayed in the VLAN it came in on, and the
+    // binding table keys replies on the relay VLAN.
+    p->l2fwd_info.relay_vid = p->l2fwd_info.rx_vlanid;
     const char *type = dhcp_msg_type_str(p->dhcp_msg_type);
     mac_str client(p->dhcp_client_addr);
     bytes_view msg = dhcp_l2_message(p);

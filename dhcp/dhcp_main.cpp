@@ -10,6 +10,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include "devlib/dev_vty.h"
 #include "devlib/uclient.h"
 #include "devlib/uif.h"
 #include "devlib/uvlan.h"
@@ -19,6 +20,8 @@
 #include "dhcp/dhcp_ipsg.h"
 #include "dhcp/dhcp_memory.h"
 #include "dhcp/dhcp_snoop.h"
+#include "dhcp/dhcp_snoop_vty.h"
+#include "dhcp/dhcp_stats.h"
 #include "dhcp/dhcp_zebra.h"
 #include "lib/command.h"
 #include "lib/log.h"
@@ -206,12 +209,15 @@ int main(int argc, char **argv)
 
     uif_init();
     uvlan_init();
+    dev_vty_init();
     dhcp_vlan_init(1);
 
     st_product_load(product_file);
 
     dhcp_debug_init();
+    dhcp_snoop_vty_init();
     dhcp_snoop_init();
+    dhcp_pkt_statistic_init();
     dhcp_ipsg_init();
 
     sort_node();

@@ -14,6 +14,9 @@
 #include "dhcp/dhcp_l2relay.h"
 #include "dhcp/dhcp_opt.h"
 #include "dhcp/dhcp_snoop.h"
+#include "dhcp/dhcp_snoop_vty.h"
+#include "dhcp/dhcp_stats.h"
+#include "lib/vty.h"
 #include "platform/errcode.h"
 #include "tests/support/hal_session.h"
 
@@ -70,6 +73,7 @@ protected:
         uvlan_init();
         dhcp_snoop_init();
         dhcp_ipsg_init();
+        dhcp_pkt_statistic_init();
         ASSERT_TRUE(hal_.start("l2path"));
         uvlan_create(100);
         ASSERT_EQ(dhcp_vlan_init(100), 0);
@@ -171,6 +175,7 @@ TEST_F(L2Path, WithoutSnoopingFramesAreForwardedUnlearned)
     EXPECT_EQ(out[0].ifindex, up_->ifindex) << "to the uplink";
     EXPECT_EQ(out[0].fwd_info.vid, 0);
     EXPECT_EQ(dhcp_lookup_client_lease_info(CLIENT, 100), nullptr);
+    EXPECT_EQ(g_dhcp_stats_l2_pkt.dhcp_rx_discovery, 1u) << "counted all the same";
 }
 
 TEST_F(L2Path, SnoopedExchangeBindsTheClient)
@@ -220,6 +225,35 @@ TEST_F(L2Path, Option82GrowsTheRequestOnly)
     be16_at(bytes_view(out[0].data, out[0].len), 16, ip_len);
     EXPECT_EQ(udp_len, out[0].len - 34u);
     EXPECT_EQ(ip_len, out[0].len - 14u);
+}
+
+TEST_F(L2Path, StatisticsShowCountsWhatThePathTookIn)
+{
+    snoop_on();
+    rx(onu_, frame(BOOTREQUEST, DHCPDISCOVER));
+    rx(onu_, frame(BOOTREPLY, DHCPOFFER));  // untrusted: dropped before it is counted
+    rx(up_, frame(BOOTREPLY, DHCPOFFER));
+    rx(onu_, frame(BOOTREQUEST, DHCPREQUEST));
+    rx(up_, frame(BOOTREPLY, DHCPACK));
+    EXPECT_EQ(pkt_.l2fwd_info.relay_vid, 100) << "a reply is relayed in the VLAN it came in";
+    rx(onu_, frame(BOOTREQUEST, DHCPINFORM));
+    sent(4);
+
+    vty *v = vty_new_buffer(ENABLE_NODE);
+    dhcp_snoop_statistics_show(v);
+    const std::string zeros = "   Decline : 0\n   Release : 0\n   Inform  : 0\n";
+    EXPECT_EQ(v->out, "DHCP Snooping Packet statistics: \n"
+                      "Client Request message :\n   Discover: 1\n   Offer   : 0\n   Request : 1\n"
+                      "   Decline : 0\n   Release : 0\n   Inform  : 1\n"
+                      "Server Reply message   :\n   Discover: 0\n   Offer   : 1\n   Request : 0\n" + zeros +
+                      "Drop message          :\n   Discover: 0\n   Offer   : 0\n   Request : 0\n" + zeros);
+    vty_free(v);
+}
+
+TEST_F(L2Path, AnOnuFrameIsReportedFromItsPonPort)
+{
+    EXPECT_EQ(dhcp_get_l2_packet_source_port(onu_->ifindex), st_ifindex_gen_by_phyinfo(PORT_TYPE_GPON, 1, 1, 0, 1, 0));
+    EXPECT_EQ(dhcp_get_l2_packet_source_port(up_->ifindex), up_->ifindex);
 }
 
 }  // namespace
