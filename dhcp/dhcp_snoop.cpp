@@ -30,7 +30,10 @@ enum { VLAN_ID_FIRST = 1, VLAN_ID_LAST = 4094, DHCP_WRITE_EXPIRE_INIT = 60 };
 const char *enable_word(int enable) { return enable ? "enable" : "disable"; }
 const char *enabled_word(int enable) { return enable ? "enabled" : "disabled"; }
 
-const char *option_type_word(int type)
+
+}  // namespace
+
+const char *dhcp_option_type_word(int type)
 {
     switch (type) {
     case DHCP_OPTION_NORMAL: return "normal";
@@ -41,6 +44,8 @@ const char *option_type_word(int type)
     default: return "UNKNOWN ERROR";
     }
 }
+
+namespace {
 
 // The VLAN's record, made on first use: 0, TAVO_ERR or TAVO_MEMORY.
 int vlan_record(uvlan_entry_t *vlan, dhcp_vlan_t **rec)
@@ -396,7 +401,7 @@ int dhcp_vlan_op82_remoteid_set(uvlan_entry_t *vlan, int type, const char *str)
     if (ret != 0) return ret;
     rec->remote_type = static_cast<st_dhcp_option_type_t>(type);
     ret = set_text(&rec->remote_id, str);
-    DHCP_EVENT_DEBUG("[EVENT]Set vlan %d option82 remote id %s,str:%s", vlan->vid, option_type_word(type),
+    DHCP_EVENT_DEBUG("[EVENT]Set vlan %d option82 remote id %s,str:%s", vlan->vid, dhcp_option_type_word(type),
                      str ? str : "");
     return ret;
 }
@@ -422,7 +427,7 @@ int dhcp_vlan_op37_remoteid_set(uvlan_entry_t *vlan, int type, const char *str)
     // not follow.
     ret = set_text(&rec->ipv6_remote_id, str ? str : dhcp_sysname);
     DHCP_EVENT_DEBUG("[EVENT]Set vlan %d option37 remote id %s,str:%s dhcp_sysname:%s ", vlan->vid,
-                     option_type_word(type), str ? str : "", dhcp_sysname);
+                     dhcp_option_type_word(type), str ? str : "", dhcp_sysname);
     return ret;
 }
 

@@ -160,6 +160,8 @@ int dhcp_vlan_op37_set(uvlan_entry_t *vlan, int enable);
 
 // type is an st_dhcp_option_type_t; str is copied (null leaves no text,
 // except for option 37 where it means the system name).
+// "normal", "sysname", "user", "profile", "onu auth" or "UNKNOWN ERROR".
+const char *dhcp_option_type_word(int type);
 int dhcp_vlan_op82_circuitid_set(uvlan_entry_t *vlan, int type, const char *str);
 int dhcp_vlan_op82_remoteid_set(uvlan_entry_t *vlan, int type, const char *str);
 int dhcp_vlan_op18_interfaceid_set(uvlan_entry_t *vlan, int type, const char *str);

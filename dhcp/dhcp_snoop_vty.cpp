@@ -101,18 +101,6 @@ void write_profile_tags(vty *vty, const dhcp_option_profile_t *p)
     }
 }
 
-const char *option_type_word(int type)
-{
-    switch (type) {
-    case DHCP_OPTION_NORMAL: return "normal";
-    case DHCP_OPTION_SYSNAME: return "sysname";
-    case DHCP_OPTION_USER: return "user";
-    case DHCP_OPTION_PROFILE: return "profile";
-    case DHCP_OPTION_ONU_AUTH: return "onu auth";
-    default: return "UNKNOWN ERROR";
-    }
-}
-
 std::string vlan_port_names(std::uint16_t vid, int tag)
 {
     std::string names;
@@ -641,8 +629,8 @@ DEFUN(show_dhcp_snoop_vlan_cli, show_dhcp_snoop_vlan_cmd, "show ip dhcp-snooping
     }
     vty_out(vty, "%-4ld %-5s %-10s%s", vid, "snoop", enable_word(rec->snooping_enable), VTY_NEWLINE);
     vty_out(vty, "%-4s %-7s: %s%s", "", "op82", enable_word(rec->option82_enable), VTY_NEWLINE);
-    vty_out(vty, "%-4s %-7s: %s%s", "", "circuit", option_type_word(rec->circuit_type), VTY_NEWLINE);
-    vty_out(vty, "%-4s %-7s: %s%s", "", "remote", option_type_word(rec->remote_type), VTY_NEWLINE);
+    vty_out(vty, "%-4s %-7s: %s%s", "", "circuit", dhcp_option_type_word(rec->circuit_type), VTY_NEWLINE);
+    vty_out(vty, "%-4s %-7s: %s%s", "", "remote", dhcp_option_type_word(rec->remote_type), VTY_NEWLINE);
     vty_out(vty, "%-4s %-7s: %s%s", "", "verify", rec->ipverify_mode ? "dynamic" : "disable", VTY_NEWLINE);
     vty_out(vty, "%-4s %-8s: %s%s%s", "", "TagPorts", vlan_port_names(v, 0).c_str(), "", VTY_NEWLINE);
     vty_out(vty, "%-4s %-8s: %s%s%s", "", "Untag", vlan_port_names(v, 1).c_str(), "", VTY_NEWLINE);
