@@ -769,6 +769,9 @@ void dhcp_client_info_delete(dhcp_client_info_t *client)
     // A client with an address holds no session; should one be left over
     // anyway, it goes with its client so that no session outlives the table.
     dhcp_session_list_free_client_info(client);
+    // The client's source-guard rule goes with it (aged, released or deleted
+    // in bulk); the deletes that withdraw it first leave nothing to find.
+    if (dhcp_ipSource_client_lookup(client->mac, client->vid)) dhcp_ipSource_delete_client(client->mac, client->vid);
     free_offer_list(client);
     tree_remove(client);
     XFREE(DHCP_CLIENT, client);

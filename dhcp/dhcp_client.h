@@ -94,8 +94,6 @@ struct dhcp_client_info_s {
     std::uint8_t ia_address[16];
     dhcp_pkt_statistic_t statis_client;
     dhcp_pkt_statistic_t statis_server;
-    dhcpv6_pkt_statistic_t dhcpv6_statis_client;
-    dhcpv6_pkt_statistic_t dhcpv6_statis_server;
     dhcp_offer_info_list_t *offer_info_list;  // null on session copies
 
     // Book-keeping of the table's indexes, not part of the binding. Code that
