@@ -9,7 +9,7 @@ PACKAGES=(
   libevent-dev libnl-3-dev libnl-route-3-dev libsnmp-dev libiniparser-dev libreadline-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   # running and testing
-  iproute2 procps psmisc util-linux iputils-ping tcpdump
+  iproute2 procps psmisc util-linux iputils-ping tcpdump tcpreplay
   # real DHCP peers of the lab and the end-to-end tests
   isc-dhcp-server isc-dhcp-client busybox dnsmasq-base
 )

@@ -154,11 +154,13 @@ start_dhcp() {  # the daemon daemonizes itself; it is back once the manager repl
   dhcpsh_ -c "configure terminal" -c "debug dhcp packet" >/dev/null || fail "debugging not switched on"
 }
 
-start_dhcpd() {
-  cat >"$RUN/dhcpd.conf" <<'EOF'
+start_dhcpd() {  # [LEASE seconds]
+  cat >"$RUN/dhcpd.conf" <<EOF
 authoritative;
 ping-check false;
-default-lease-time 600;
+default-lease-time ${1:-600};
+max-lease-time ${1:-600};
+min-lease-time ${1:-600};
 subnet 192.168.100.0 netmask 255.255.255.0 { range 192.168.100.100 192.168.100.150; }
 EOF
   touch "$RUN/dhcpd.leases"
@@ -188,3 +190,38 @@ counter() {  # counter PORT FIELD
 }
 fp_stat() { oltctl_ show fp | sed -n "s/.* $1=\([0-9]*\).*/\1/p"; }
 port_ifindex() { oltctl_ show ports | sed -n "s|^port name=$1 ifindex=\([^ ]*\).*|\1|p"; }
+
+# Snooping on VLAN 100 with option 82 and the uplink trusted; extra lines
+# (VLAN node) go after the VLAN's own.
+snoop_on() {
+  local args=(-c "configure terminal" -c "ip dhcp-snooping" -c "ip dhcp information"
+    -c "vlan 100" -c "ip dhcp-snooping" -c "ip dhcp information")
+  for l in "$@"; do args+=(-c "$l"); done
+  args+=(-c "exit" -c "interface ge1/1/1" -c "ip dhcp trust")
+  dhcpsh_ "${args[@]}" >"$RUN/snoop_on.out" || fail "snooping configuration refused: $(cat "$RUN/snoop_on.out")"
+}
+binding_of() {  # binding_of MAC: its row of the binding show (the MAC as aabb-ccdd-eeff)
+  local m
+  m=$(echo "$1" | tr -d : | sed 's/\(....\)\(....\)\(....\)/\1-\2-\3/')
+  dhcpsh_ -c "show ip dhcp-snooping binding" | grep "^$m " || true
+}
+no_binding_of() { [ -z "$(binding_of "$1")" ]; }
+
+# DHCP frames seen by the upstream host, kept in a pcap.
+capture_start() {
+  in_ns "$NS_UP" tcpdump -i eth0 --immediate-mode -U -n -w "$RUN/up.pcap" udp port 67 >/dev/null 2>&1 &
+  echo $! >"$RUN/tcpdump.pid"
+  wait_for 5 test -s "$RUN/up.pcap" || fail "tcpdump did not start"
+}
+capture_stop() { sleep 0.3; stop_pid "$RUN/tcpdump.pid"; }  # TERM: a background job ignores INT
+# One line per request from a client (source port 68) the upstream host saw:
+# "<option 82 count>|<circuit-id>|<remote-id>".
+op82_of_requests() {
+  tcpdump -r "$RUN/up.pcap" -vvn 2>/dev/null | awk '
+    /^[0-9][0-9]:/ { if (req) print n, c, r; req = 0; n = 0; c = "-"; r = "-" }
+    /\.68 > .*\.67: / { req = 1 }
+    /Agent-Information \(82\)/ { n++ }
+    /Circuit-ID SubOption 1/ { sub(/.*length [0-9]+: /, ""); c = $0 }
+    /Remote-ID SubOption 2/ { sub(/.*length [0-9]+: /, ""); r = $0 }
+    END { if (req) print n, c, r }' OFS='|'
+}
