@@ -3,8 +3,9 @@
 # with a real DHCP server, and two subscribers behind ONUs, wired with veth
 # pairs.
 #
-#   lab.sh demo    build, bring the lab up, show real clients' DHCP frames in
-#                  the daemon and a switched lease, tear down (the main job)
+#   lab.sh demo    build, bring the lab up, configure snooping, and show real
+#                  clients' leases, the bindings, option 82 at the server, IP
+#                  source guard and a release; tear down (the main job)
 #   lab.sh up      bring it up and leave it running (then: lab.sh shell ...)
 #   lab.sh down    tear everything down (also after a failure)
 #   lab.sh shell ARGS...   dhcpsh on the lab's daemon
@@ -134,28 +135,67 @@ client_dhclient() {
     -lf "$RUN/dhclient-sub2.leases" -sf /bin/true eth0
 }
 
+# The operator's snooping configuration, one shell line each.
+SNOOP_CONF=(
+  "configure terminal"
+  "ip dhcp-snooping"
+  "ip dhcp information"
+  "ip dhcp information access-node-id string OLT-LAB"
+  "vlan 100"
+  " ip dhcp-snooping"
+  " ip dhcp information"
+  " ip dhcp information remote-id sysname"
+  " ip verify source ip-address dynamic"
+  " exit"
+  "interface ge1/1/1"
+  " ip dhcp trust"
+  " end"
+)
+transcript() {  # echo each line as typed at the prompt, then run them in one session
+  local args=() l
+  for l in "$@"; do echo "OLT-LAB# ${l# }"; args+=(-c "${l# }"); done
+  dhcpsh_ "${args[@]}"
+}
+sub_ip() { binding_row "$1" | awk '{print $5}'; }
+binding_row() { dhcpsh_ -c "show ip dhcp-snooping binding" | grep " gonu1/1/1:$1 " || true; }
+
 demo() {
   build
   trap 'echo "lab: failed; tearing down" >&2; down' ERR
   up
 
-  say "dhcpsh: debugging on"
-  dhcpsh_ -c "configure terminal" -c "debug dhcp packet" -c "show debugging dhcp"
+  say "dhcpsh: DHCP snooping on VLAN 100 with option 82 and IP source guard; the uplink trusted"
+  transcript "${SNOOP_CONF[@]}"
+  transcript "show running-config"
+  oltctl_ show traps
 
-  say "trap DHCP on VLAN 100 to the daemon; a real client (busybox udhcpc) sends DISCOVERs"
-  oltctl_ trap 100 v4 on
-  # The daemon forwards the DISCOVERs to the uplink; the server's OFFERs are
-  # dropped because no port is trusted in this configuration.
-  client_udhcpc || true
-  grep -E "recieve packet on port|option 53|forward packet|fwd packet|un-trust" "$RUN/dhcp.log" | head -10 || true
-  grep -q "recieve packet on port gonu1/1/1:1 gem \[100:100\] vlan 100" "$RUN/dhcp.log" \
-    || die "the client's DISCOVER did not reach the daemon"
-
-  say "trap off: oltsim switches the exchange; the second client (dhclient) gets a lease"
-  oltctl_ trap 100 v4 off
+  say "two real clients take leases from isc-dhcpd through the daemon"
+  client_udhcpc
   client_dhclient
-  oltctl_ show macs 100
-  grep -E "^lease|binding state active" "$RUN/dhcpd.leases" | head -4
+  transcript "show ip dhcp-snooping binding"
+  transcript "show ip source binding"
+
+  say "the server got the relay-agent information (dhcpd.leases)"
+  grep -E "^lease|hardware ethernet|agent\." "$RUN/dhcpd.leases"
+
+  say "IP source guard: the forwarding plane's rules, a bound and a spoofed source"
+  oltctl_ show guard
+  local ip1
+  ip1=$(sub_ip 1)
+  in_ns "${NS_SUBS[0]}" ip addr add "$ip1/24" dev eth0
+  in_ns "${NS_SUBS[0]}" ip addr add 192.168.100.99/24 dev eth0
+  echo "ping from the bound $ip1: $(in_ns "${NS_SUBS[0]}" ping -c 1 -W 1 -I "$ip1" 192.168.100.1 | grep transmitted)"
+  echo "ping from a spoofed 192.168.100.99: $(in_ns "${NS_SUBS[0]}" ping -c 1 -W 1 -I 192.168.100.99 192.168.100.1 \
+    | grep transmitted)"
+  oltctl_ show counters | grep -o "port=gonu1/1/1:1 .*rx_drop_guard=[0-9]*" | sed 's/rx_frames.*rx_trapped/... rx_trapped/'
+
+  say "dhclient releases: the binding and its rule go"
+  in_ns "${NS_SUBS[1]}" ip addr add "$(sub_ip 2)/24" dev eth0
+  in_ns "${NS_SUBS[1]}" timeout 20 dhclient -4 -r -pf "$RUN/dhclient-sub2.pid" -lf "$RUN/dhclient-sub2.leases" \
+    -sf /bin/true eth0
+  sleep 0.5
+  transcript "show ip dhcp-snooping binding"
+  oltctl_ show guard
 
   trap - ERR
   say "done; tearing down (lab.sh up keeps it running)"
