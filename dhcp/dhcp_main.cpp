@@ -21,6 +21,7 @@
 #include "dhcp/dhcp_memory.h"
 #include "dhcp/dhcp_snoop.h"
 #include "dhcp/dhcp_snoop_vty.h"
+#include "dhcp/dhcp_vty.h"
 #include "dhcp/dhcp_stats.h"
 #include "dhcp/dhcp_zebra.h"
 #include "lib/command.h"
@@ -214,6 +215,7 @@ int main(int argc, char **argv)
 
     st_product_load(product_file);
 
+    dhcp_vty_init();
     dhcp_debug_init();
     dhcp_snoop_vty_init();
     dhcp_snoop_init();

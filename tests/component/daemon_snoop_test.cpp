@@ -186,6 +186,13 @@ TEST_F(DaemonSnoop, CommandsRefusalsAndShows)
         {"show ip dhcp-snooping ", 0,
          " DHCP V4 snooping : enable \n Option82         : disable \n Access-Node-ID   : GPON-OLT \n"
          " Remote id        :  \n"},
+        {"show ip dhcp port", 0,
+         "  interface        dhcp      trust        \n---------------------------------------------\n"
+         "  ge1/1/1          support    un-trust    \n"},
+        {"show ip dhcp vlan 100", 0,
+         "  vlan     dhcp-snoop     ip verify       option82    circuit-id    dhcpv6-snoop     option18    option37\n"
+         " 100       disable         dynamic          disable      profile P1      disable        disable         disable\n"},
+        {"show ip dhcp vlan 300", 104006, "% Vlan not exist!\n"},
     });
     // The client policy and the access-node id are written only with option 82 on.
     EXPECT_EQ(show("show running-config"),
