@@ -1,11 +1,13 @@
 // Fuzz target: one forwarding-plane message, as the channel hands it to the
-// daemon, through the intake (direct and deferred), the frame parser and the
-// DHCPv4 option codec.
+// daemon, through the intake (direct and deferred), the layer-2 snooping path
+// under a configuration the input chooses, the frame parser and the DHCPv4
+// option codec. The binding table carries over from input to input.
 //
 // Input: a whole channel message (16-byte header, then the payload). The
 // receiver ignores nlmsg_pid and nlmsg_seq on packets, so they steer the run:
 //   nlmsg_pid bit 0  all debugging categories on (dump and trace paths)
 //   nlmsg_pid bit 1  also deliver through the deferred packet queue
+//   nlmsg_pid bits 8-31  the snooping configuration (apply_config)
 //   nlmsg_seq        the codes and values the option builder appends
 // Set FUZZ_INTAKE_LOG in the environment to see the daemon's log lines.
 #include <algorithm>
@@ -17,8 +19,13 @@
 
 #include "devlib/ifindex.h"
 #include "devlib/uif.h"
+#include "devlib/uvlan.h"
+#include "dhcp/dhcp_client.h"
 #include "dhcp/dhcp_debug.h"
 #include "dhcp/dhcp_intake.h"
+#include "dhcp/dhcp_ipsg.h"
+#include "dhcp/dhcp_option82.h"
+#include "dhcp/dhcp_snoop.h"
 #include "dhcp/dhcp_opt.h"
 #include "dhcp/dhcp_pkt.h"
 #include "lib/log.h"
@@ -46,15 +53,51 @@ std::unique_ptr<std::uint8_t[]> heap_copy(const std::uint8_t *data, std::size_t 
     return p;
 }
 
-void add_port(int type, int slot, int port, int subport)
+std::uint32_t g_now = 1000;
+std::uint32_t fuzz_clock() { return g_now; }
+
+uif_t *add_port(int type, int slot, int port, int subport)
 {
     std::uint32_t ifindex = st_ifindex_gen_by_phyinfo(type, 1, slot, 0, port, subport);
-    if (!ifindex) return;
+    if (!ifindex) return nullptr;
     uif_t *ifp = uif_get_or_create(ifindex, true);
     char name[32];
     if (st_get_ifname_by_ifindex(ifindex, name, sizeof name) == 0) uif_set_name(ifp, name);
     ifp->status = 1;
     ifp->admin = 1;
+    dhcp_port_init(ifp);
+    return ifp;
+}
+
+uif_t *g_uplink;
+uif_t *g_onu;
+const std::uint16_t FUZZ_VLANS[] = {1, 100, 200};
+
+// The configuration bits of nlmsg_pid, from bit 8 up:
+//   0 global snooping   1 VLAN snooping    2 option 82 (global and VLAN)
+//   3-5 circuit-id form (normal, sysname, user, profile, onu auth)
+//   6 remote-id text    7-8 client policy (replace, keep, drop)
+//   9 IP source guard   10 uplink trusted  11 ONU port trusted
+//   12 session limit 5  13 age out everything after the message
+void apply_config(std::uint32_t bits)
+{
+    auto on = [bits](int bit) { return int(bits >> bit & 1); };
+    dhcp_snoop_enable_set(on(0));
+    dhcp_op82_enable(on(2));
+    dhcp_snoop_set_client_op82_policy(int(bits >> 7 & 3) % 3);
+    dhcp_set_max_session_id(on(12) ? 5 : DHCP_MAX_SESSION_DEFAULT);
+    static const char *const circuit_text[] = {nullptr, nullptr, "fuzz-circuit", "P1", nullptr};
+    int circuit = int(bits >> 3 & 7) % 5;
+    for (std::uint16_t vid : FUZZ_VLANS) {
+        uvlan_entry_t *vlan = vlan_get_entry(vid);
+        dhcp_vlan_snoop_set(vlan, on(1));
+        dhcp_vlan_op82_set(vlan, on(2));
+        dhcp_vlan_op82_circuitid_set(vlan, circuit, circuit_text[circuit]);
+        dhcp_vlan_op82_remoteid_set(vlan, on(6) ? DHCP_OPTION_USER : DHCP_OPTION_NORMAL, on(6) ? "fuzz-remote" : nullptr);
+        dhcp_vlan_ipverify_set(vlan, on(9));
+    }
+    dhcp_port_trust_set(g_uplink, on(10));
+    dhcp_port_trust_set(g_onu, on(11));
 }
 
 // Every lookup the daemon makes on a received message, with the answers
@@ -195,6 +238,21 @@ void exercise_codec(const std::uint8_t *payload, std::size_t payload_len, const 
 
 }  // namespace
 
+// The records hung off the device tables are the daemon's to free; without
+// this the tables' own destruction at exit would show them as leaks.
+static void teardown()
+{
+    dhcp_client_tree_destroy();
+    while (const dhcp_ip_souce_client_t *e = dhcp_ipSource_client_first()) {
+        std::uint8_t mac[6];
+        std::memcpy(mac, e->mac, 6);
+        if (dhcp_ipSource_delete_client(mac, e->vid) != 0) break;
+    }
+    for (std::uint16_t vid : FUZZ_VLANS) dhcp_vlan_free(vlan_get_entry(vid));
+    for (uif_t *pif = uif_first(); pif; pif = uif_next(pif)) dhcp_port_deinit(pif);
+    for (int id = 1; id <= DHCP_OPTION_PROFILE_MAX; ++id) dhcp_option_free_profile(id);
+}
+
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     // No openzlog, no file: log lines are formatted and dropped, unless
@@ -202,11 +260,24 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     zlog_set_file(nullptr);
     zlog_set_stderr(std::getenv("FUZZ_INTAKE_LOG") != nullptr);
     uif_init();
-    add_port(PORT_TYPE_GE, 1, 1, 0);    // ge1/1/1, the seeds' receive port
+    uvlan_init();
+    for (std::uint16_t vid : FUZZ_VLANS) {
+        uvlan_create(vid);
+        dhcp_vlan_init(vid);
+    }
+    dhcp_snoop_init();
+    dhcp_client_set_clock(fuzz_clock);
+    g_uplink = add_port(PORT_TYPE_GE, 1, 1, 0);  // ge1/1/1, the seeds' receive port
     add_port(PORT_TYPE_GE, 1, 2, 0);
     add_port(PORT_TYPE_XE, 9, 1, 0);
     add_port(PORT_TYPE_GPON, 2, 1, 0);
-    add_port(PORT_TYPE_GONU, 2, 1, 5);  // gonu1/2/1:5
+    g_onu = add_port(PORT_TYPE_GONU, 2, 1, 5);  // gonu1/2/1:5
+    int profile = dhcp_option_get_free_profile_id();
+    dhcp_option_initial_profile(profile, "P1");
+    dhcp_option_profile_add_info(profile, 1, DHCP_OPTION_TAG_VARIABLE, "sn", DHCP_OPTION_VAR_SN);
+    dhcp_option_profile_add_info(profile, 2, DHCP_OPTION_TAG_DELIMITER, "/", DHCP_OPTION_VAR_FIX_STRING);
+    dhcp_option_profile_add_info(profile, 3, DHCP_OPTION_TAG_VARIABLE, "onu", DHCP_OPTION_VAR_ONU);
+    std::atexit(teardown);
     std::uint32_t trunk = st_ifindex_gen_by_logicinfo(PORT_TYPE_TRUNK, 1);
     if (trunk) uif_set_name(uif_get_or_create(trunk, true), "trunk1");
     dhcp_set_client_debug(MONITORED_MAC);
@@ -226,6 +297,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
                              static_cast<std::uint8_t>(h.nlmsg_seq >> 16), static_cast<std::uint8_t>(h.nlmsg_seq >> 24)};
 
     g_dhcp_debug = (ctl & CTL_DEBUG) ? DHCP_DEBUG_ALL : 0;
+    apply_config(h.nlmsg_pid >> 8);
 
     // As the channel delivers it: the payload starts after the header, the
     // length is the whole message's, and the payload is writable.
@@ -240,6 +312,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     }
 
     exercise_codec(data + HAL_MSG_HDR_LEN, len - HAL_MSG_HDR_LEN, knobs);
+
+    FUZZ_CHECK(dhcp_snooping_get_client_count() <= DHCP_CLIENT_TREE_MAX);
+    FUZZ_CHECK(dhcp_session_list_count() <= DHCP_MAX_SESSION_DEFAULT);
+    FUZZ_CHECK(dhcp_ipSource_client_info_count() <= DHCP_IP_SOURCE_MAX);
+    if (h.nlmsg_pid >> 21 & 1) {
+        g_now += 100000;  // past every lease but the longest
+        dhcp_snooping_aging_client_info();
+        for (const dhcp_client_info_t *c = dhcp_client_info_top(); c; c = dhcp_client_info_next(c))
+            FUZZ_CHECK(g_now - c->v4_last_update_time < c->v4_lease_time ||
+                       g_now - c->v6_last_update_time < c->v6_lease_time);
+    }
 
     g_dhcp_debug = 0;
     return 0;

@@ -176,6 +176,21 @@ bytes discover_frame()
     return ethernet(BCAST, CLIENT1, 100, ST_ETH_P_IPV4, ipv4_udp(0, 0xffffffff, 68, 67, m));
 }
 
+// The server's ACK to discover_frame's client, in VLAN 100 from the uplink.
+bytes ack_frame()
+{
+    bytes m = bootp_request(0x3903f326, CLIENT1, 0);
+    m[DHCP_OFF_OP] = BOOTREPLY;
+    put_be32_at(m, DHCP_OFF_YIADDR, CLIENT_IP);
+    append(m, {0x63, 0x82, 0x53, 0x63});        // magic cookie
+    append(m, {53, 1, 5});                       // message type: ACK
+    append(m, {54, 4, 0xc0, 0x00, 0x02, 0x01});  // server id 192.0.2.1
+    append(m, {51, 4, 0x00, 0x00, 0x0e, 0x10});  // lease time 3600
+    append(m, {1, 4, 0xff, 0xff, 0xff, 0x00});   // subnet mask
+    append(m, {255});                            // end
+    return ethernet(BCAST, SERVER_MAC, 100, ST_ETH_P_IPV4, ipv4_udp(SERVER_IP, 0xffffffff, 67, 68, m));
+}
+
 // REQUEST whose options continue in file and sname (overload 3).
 bytes request_overload_frame()
 {
@@ -251,6 +266,10 @@ int main(int argc, char **argv)
     delivery onu{st_ifindex_gen_by_phyinfo(PORT_TYPE_GONU, 1, 2, 0, 1, 5), 100,
                  st_ifindex_gen_by_logicinfo(PORT_TYPE_GPON_SERVPORT, 7), 1001, 10};
 
+    // The fuzzer's configuration bits (nlmsg_pid from bit 8): snooping global
+    // and per VLAN, option 82 with a profile circuit-id, source guard, the
+    // uplink trusted.
+    constexpr std::uint32_t SNOOPED = (0x7u | 3u << 3 | 1u << 9 | 1u << 10) << 8;
     struct seed {
         const char *name;
         bytes msg;
@@ -262,6 +281,10 @@ int main(int argc, char **argv)
         {"discover-long-message", channel_message(ge, discover_frame(), CTL_QUEUE, 368)},
         {"solicit-v6", channel_message(ge_untagged, solicit_frame(), 0)},
         {"solicit-v6-debug", channel_message(ge_untagged, solicit_frame(), CTL_DEBUG | CTL_QUEUE)},
+        // Snooped: the exchange of one subscriber with option 82 and source guard.
+        {"discover-onu-snooped", channel_message(onu, discover_frame(), CTL_DEBUG | SNOOPED)},
+        {"ack-uplink-snooped", channel_message(ge, ack_frame(), CTL_DEBUG | SNOOPED)},
+        {"request-renew-onu-snooped", channel_message(onu, request_renew_frame(), SNOOPED)},
     };
     for (const seed &s : seeds) {
         if (!write_file(dir, s.name, s.msg)) {
