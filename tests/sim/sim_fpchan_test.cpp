@@ -2,7 +2,10 @@
 // requests, packet messages both ways, and malformed input.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
+#include <functional>
+#include <memory>
 #include <vector>
 
 #include "devlib/ifindex.h"
@@ -13,12 +16,20 @@
 namespace {
 
 using bytes = std::vector<std::uint8_t>;
+using u16 = std::uint16_t;
+using u32 = std::uint32_t;
 
-template <class T> void host(bytes &b, T v)
+// Fields in the channel's host order, packed.
+template <class... T> bytes host(T... v)
 {
-    std::uint8_t tmp[sizeof v];
-    std::memcpy(tmp, &v, sizeof v);
-    b.insert(b.end(), tmp, tmp + sizeof v);
+    bytes b;
+    auto one = [&b](auto x) {
+        std::uint8_t tmp[sizeof x];
+        std::memcpy(tmp, &x, sizeof x);
+        b.insert(b.end(), tmp, tmp + sizeof x);
+    };
+    (one(v), ...);
+    return b;
 }
 
 template <class T> T host_at(const bytes &b, std::size_t off)
@@ -28,225 +39,148 @@ template <class T> T host_at(const bytes &b, std::size_t off)
     return v;
 }
 
-bytes msg(std::uint16_t type, std::uint32_t seq, const bytes &payload, std::uint32_t len_field = 0)
+bytes msg(u16 type, u32 seq, const bytes &payload, u32 len = 0)
 {
-    bytes b;
-    host<std::uint32_t>(b, len_field ? len_field : std::uint32_t(16 + payload.size()));  // nlmsg_len
-    host<std::uint16_t>(b, type);                                                        // nlmsg_type
-    host<std::uint16_t>(b, 1);                                                           // nlmsg_flags
-    host<std::uint32_t>(b, seq);                                                         // nlmsg_seq
-    host<std::uint32_t>(b, 0);                                                           // nlmsg_pid
+    bytes b = host(len ? len : u32(16 + payload.size()), type, u16(1), seq, u32(0));  // len, type, flags, seq, pid
     b.insert(b.end(), payload.begin(), payload.end());
     return b;
 }
 
-bytes u32_payload(std::uint32_t v)
-{
-    bytes b;
-    host(b, v);
-    return b;
-}
+using mac_t = std::array<std::uint8_t, 6>;
+constexpr u32 UP = 0x12101000, ONU = 0x52201005, ALL = 0xffffffff;
+constexpr mac_t CLIENT = {0x02, 0, 0, 0, 0, 0x0a}, NO_MAC = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
 
-bytes trap_payload(std::uint16_t vid, std::uint32_t enable)
-{
-    bytes b;
-    host<std::uint32_t>(b, 0);       // ifindex
-    host<std::uint16_t>(b, vid);     // vid
-    host<std::uint16_t>(b, 0);       // padding
-    host<std::uint32_t>(b, enable);  // enable
-    return b;
-}
+bytes reg(u32 module, u32 len = 0) { return msg(0x100, 1, host(module), len); }
+bytes trap(u16 type, u16 vid, u32 enable) { return msg(type, 2, host(u32(0), vid, u16(0), enable)); }
+bytes mac_lookup(u16 vid) { return msg(0x101, 4, host(CLIENT, vid)); }
 
-bytes mac_payload(const std::uint8_t *mac, std::uint16_t vid)
+// The address in network order: 10.0.0.7, none for the per-VLAN switch.
+bytes guard(u32 ifindex, mac_t mac, u32 action)
 {
-    bytes b(mac, mac + 6);           // mac
-    host<std::uint16_t>(b, vid);     // vid
-    return b;
+    const std::uint8_t a = ifindex == ALL ? 0 : 10, d = ifindex == ALL ? 0 : 7;
+    return msg(329, 3, host(ifindex, u16(100), mac, std::array<std::uint8_t, 4>{a, 0, 0, d}, action));
 }
-
-constexpr std::uint32_t UP = 0x12101000;
-const std::uint8_t CLIENT[6] = {0x02, 0, 0, 0, 0, 0x0a};
 
 struct chan {
     sim_model m;
-    std::vector<std::pair<std::string, bytes>> sent;
+    std::vector<bytes> sent;
     std::unique_ptr<sim_switch> sw;
     std::unique_ptr<sim_fpchan> fp;
     bool registered = false;
-    std::uint32_t module = 0;
+    u32 module = 0;
 
     chan()
     {
         m.vlans.set(100);
-        sim_port up;
-        up.ifindex = UP;
-        up.type = PORT_TYPE_GE;
-        up.name = "ge1/1/1";
-        up.linux_if = "up";
-        up.tagged.set(100);
-        m.ports[UP] = up;
+        m.ports[UP] = sim_port{.ifindex = UP, .type = PORT_TYPE_GE, .linux_if = "up"};
+        m.ports[UP].tagged.set(100);
         sim_switch_io io;
-        io.tx_port = [this](const sim_port &p, bytes_view f) {
-            sent.emplace_back(p.linux_if, bytes(f.begin(), f.end()));
+        io.tx_port = [this](const sim_port &, bytes_view f) {
+            sent.emplace_back(f.begin(), f.end());
             return true;
         };
         sw = std::make_unique<sim_switch>(m, io);
         fp = std::make_unique<sim_fpchan>(nullptr, m, *sw);
     }
-    bytes handle(const bytes &dgram) { return fp->handle(dgram, registered, module); }
+    bytes handle(bytes_view dgram) { return fp->handle(dgram, registered, module); }
 };
 
-// The answer to a request: its type and seq, and a u32 result.
-void expect_answer(const bytes &r, std::uint16_t type, std::uint32_t seq, std::uint32_t result)
-{
-    ASSERT_EQ(r.size(), 20u);
-    EXPECT_EQ(host_at<std::uint32_t>(r, 0), 20u);
-    EXPECT_EQ(host_at<std::uint16_t>(r, 4), type);
-    EXPECT_EQ(host_at<std::uint32_t>(r, 8), seq);
-    EXPECT_EQ(host_at<std::uint32_t>(r, 16), result);
-}
-
-TEST(SimFpChan, RegistrationAndRequestsAreAnswered)
+TEST(SimFpChan, RequestsAreAnsweredInOrder)
 {
     chan c;
-    expect_answer(c.handle(msg(0x100, 7, u32_payload(1027))), 0x100, 7, 0);
-    EXPECT_TRUE(c.registered);
-    EXPECT_EQ(c.module, 1027u);
-
-    expect_answer(c.handle(msg(321, 8, trap_payload(100, 1))), 321, 8, 0);
-    EXPECT_TRUE(c.sw->traps().on(4, 100));
-    expect_answer(c.handle(msg(330, 9, trap_payload(100, 1))), 330, 9, 0);
-    EXPECT_TRUE(c.sw->traps().on(6, 100));
-    expect_answer(c.handle(msg(321, 10, trap_payload(100, 0))), 321, 10, 0);
-    EXPECT_FALSE(c.sw->traps().on(4, 100));
-    expect_answer(c.handle(msg(321, 11, trap_payload(0, 1))), 321, 11, TAVO_PARAM);
-
-    bytes sw_on;
-    host<std::uint32_t>(sw_on, 0xffffffff);                     // ifindex: every port
-    host<std::uint16_t>(sw_on, 100);                            // vid
-    sw_on.insert(sw_on.end(), {0xff, 0xff, 0xff, 0xff, 0xff, 0xff});  // the invalid MAC
-    sw_on.insert(sw_on.end(), {0, 0, 0, 0});                   // address 0
-    host<std::uint32_t>(sw_on, 0);                              // action: install
-    expect_answer(c.handle(msg(329, 12, sw_on)), 329, 12, 0);
-    EXPECT_TRUE(c.sw->guard().vlan_on(100));
-}
-
-TEST(SimFpChan, MacLookupAnswersThePort)
-{
-    chan c;
-    bytes f(CLIENT, CLIENT + 6);
-    f.insert(f.begin(), {0xff, 0xff, 0xff, 0xff, 0xff, 0xff});
-    f.insert(f.end(), {0x81, 0x00, 0x00, 100, 0x08, 0x06});  // VLAN 100, ARP
-    f.resize(60, 0);
-    c.sw->rx_port(UP, f);
-    ASSERT_NE(c.sw->macs().lookup(100, CLIENT), nullptr);
-
-    struct {
-        std::uint16_t vid;
-        std::uint32_t result, port;
-    } cases[] = {{100, 0, UP}, {0, 0, UP}, {200, TAVO_NOT_FOUND, 0}};
-    for (auto &k : cases) {
-        bytes r = c.handle(msg(0x101, 40 + k.vid, mac_payload(CLIENT, k.vid)));
-        ASSERT_EQ(r.size(), 24u);
-        EXPECT_EQ(host_at<std::uint32_t>(r, 0), 24u);
-        EXPECT_EQ(host_at<std::uint16_t>(r, 4), 0x101);
-        EXPECT_EQ(host_at<std::uint32_t>(r, 8), 40u + k.vid) << "seq echoed";
-        EXPECT_EQ(host_at<std::uint32_t>(r, 16), k.result) << "VLAN " << k.vid;
-        EXPECT_EQ(host_at<std::uint32_t>(r, 20), k.port) << "VLAN " << k.vid;
+    c.sw->macs().learn(100, CLIENT.data(), UP, UP, 0);
+    std::function<bool()> none = [] { return true; };
+    auto &g = c.sw->guard();
+    struct { const char *what; bytes req; u32 result, port; std::function<bool()> after; } steps[] = {
+        {"registration", reg(27), 0, 0, [&] { return c.registered && c.module == 27; }},
+        {"DHCPv4 trap on", trap(321, 100, 1), 0, 0, [&] { return c.sw->traps().on(4, 100); }},
+        {"DHCPv6 trap on", trap(330, 100, 1), 0, 0, [&] { return c.sw->traps().on(6, 100); }},
+        {"DHCPv4 trap off", trap(321, 100, 0), 0, 0, [&] { return !c.sw->traps().on(4, 100); }},
+        {"trap on VLAN 0", trap(321, 0, 1), TAVO_PARAM, 0, none},
+        {"guard on", guard(ALL, NO_MAC, 0), 0, 0, [&] { return g.vlan_on(100); }},
+        {"rule", guard(ONU, CLIENT, 0), 0, 0, [&] { return g.permits(100, ONU, CLIENT.data(), 0x0a000007); }},
+        {"rule withdrawn", guard(ONU, CLIENT, 1), 0, 0, [&] { return g.size() == 0; }},
+        {"rule withdrawn twice", guard(ONU, CLIENT, 1), TAVO_NOT_FOUND, 0, none},
+        {"MAC lookup", mac_lookup(100), 0, UP, none},
+        {"MAC lookup in any VLAN", mac_lookup(0), 0, UP, none},
+        {"MAC lookup in another VLAN", mac_lookup(200), TAVO_NOT_FOUND, 0, none},
+        {"unknown type", msg(77, 5, bytes(4, 0)), TAVO_PARAM, 0, none},
+    };
+    for (auto &s : steps) {
+        SCOPED_TRACE(s.what);
+        bytes r = c.handle(s.req);
+        const bool lookup = host_at<u16>(s.req, 4) == 0x101;
+        ASSERT_EQ(r.size(), lookup ? 24u : 20u);
+        EXPECT_EQ(host_at<u32>(r, 0), r.size());                       // nlmsg_len
+        EXPECT_EQ(host_at<u16>(r, 4), host_at<u16>(s.req, 4));          // type echoed
+        EXPECT_EQ(host_at<u32>(r, 8), host_at<u32>(s.req, 8));          // seq echoed
+        EXPECT_EQ(host_at<u32>(r, 16), s.result);
+        EXPECT_EQ(lookup ? host_at<u32>(r, 20) : 0u, s.port) << "the port it was last heard on";
+        EXPECT_TRUE(s.after());
     }
 }
 
-TEST(SimFpChan, PacketMessagesGoOutAndComeIn)
+TEST(SimFpChan, PacketMessagesBothWays)
 {
     chan c;
-    bytes frame = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0x02, 0, 0, 0, 0, 0x0b, 0x08, 0x06};
-    frame.resize(60, 0);
+    bytes frame = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0x02, 0, 0, 0, 0, 0x0a,  // destination, source
+                   0x88, 0xa8, 0x00, 0xc8,                                     // S-tag, VLAN 200
+                   0x81, 0x00, 0x20, 0x0a,                                     // C-tag, priority 1, VLAN 10
+                   0x08, 0x00,                                                 // IPv4
+                   0x45, 0, 0, 28, 0, 0, 0, 0, 64, 17, 0, 0, 0, 0, 0, 0, 255, 255, 255, 255,  // UDP
+                   0, 68, 0, 67, 0, 8, 0, 0};
     hal_msg_pkt_t p{};
     p.ifindex = UP;
-    p.flags = 129;
     p.fwd_info.vid = 100;
-    p.len = static_cast<std::uint16_t>(frame.size());
+    p.len = static_cast<u16>(frame.size());
     p.data = frame.data();
     bytes m(HAL_PKT_MSG_LEN);
     ASSERT_TRUE(hal_msg_pkt_build(m, p, 1, 0, 0));
     EXPECT_TRUE(c.handle(m).empty()) << "packets are not answered";
     ASSERT_EQ(c.sent.size(), 1u);
-    EXPECT_EQ(c.sent[0].second.size(), frame.size() + 4) << "tagged for VLAN 100 on the way out";
+    EXPECT_EQ(c.sent[0].size(), frame.size() - 4) << "tags replaced by VLAN 100's on the way out";
 
-    // A trapped frame as delivered: the summary fields filled in.
-    bytes rx = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0x02, 0, 0, 0, 0, 0x0a,
-                0x88, 0xa8, 0x00, 0xc8,   // S-tag, VLAN 200
-                0x81, 0x00, 0x00, 0x0a,   // C-tag, VLAN 10
-                0x08, 0x00,               // IPv4
-                0x45, 0, 0, 28, 0, 0, 0, 0, 64, 17, 0, 0, 0, 0, 0, 0, 255, 255, 255, 255,
-                0, 68, 0, 67, 0, 8, 0, 0};
+    // To the module, the layer-2 summary filled in from the frame.
     frame_info fi;
-    ASSERT_EQ(sim_frame_parse(rx, fi), FRAME_OK);
-    hal_msg_pkt_t d{};
-    d.ifindex = 0x52201001;
-    d.fwd_info.vid = 100;
-    d.fwd_info.srv_if = 0x60000001;
-    d.fwd_info.srv_info.lltag = 1100;
-    d.fwd_info.srv_info.uservlan = 10;
-    d.fwd_info.srv_info.vlan_action = 1;
-    d.len = static_cast<std::uint16_t>(rx.size());
-    d.data = rx.data();
+    ASSERT_EQ(sim_frame_parse(frame, fi), FRAME_OK);
     bytes out(HAL_PKT_MSG_LEN);
-    ASSERT_TRUE(sim_pkt_msg_build(out, d, fi));
-    EXPECT_EQ(host_at<std::uint32_t>(out, 0), 1680u);
-    EXPECT_EQ(host_at<std::uint16_t>(out, 4), 1);
-    const std::size_t pl = 16;
-    EXPECT_EQ(host_at<std::uint32_t>(out, pl + 0), 0x52201001u);   // ifindex
-    EXPECT_EQ(host_at<std::uint32_t>(out, pl + 16), 0x60000001u);  // fwd_info.srv_if
-    EXPECT_EQ(host_at<std::uint16_t>(out, pl + 20), 100);          // fwd_info.vid
-    EXPECT_EQ(host_at<std::uint16_t>(out, pl + 24), 1100);         // lltag
-    EXPECT_EQ(host_at<std::uint16_t>(out, pl + 26), 10);           // uservlan
-    EXPECT_EQ(host_at<std::int32_t>(out, pl + 28), 1);             // vlan_action
-    EXPECT_EQ(out[pl + 32], 2);                                    // vlan_depth
-    EXPECT_EQ(host_at<std::uint16_t>(out, pl + 34), 0x88a8);       // vlan_stack[0].tpid
-    EXPECT_EQ(host_at<std::uint16_t>(out, pl + 36), 200);          // vlan_stack[0].tci
-    EXPECT_EQ(host_at<std::uint16_t>(out, pl + 38), 0x8100);       // vlan_stack[1].tpid
-    EXPECT_EQ(host_at<std::uint16_t>(out, pl + 40), 10);           // vlan_stack[1].tci
-    EXPECT_EQ(host_at<std::uint16_t>(out, pl + 46), 0x0800);       // ethtype
-    EXPECT_EQ(host_at<std::uint16_t>(out, pl + 48), 17);           // ip.protocol
-    EXPECT_EQ(host_at<std::uint16_t>(out, pl + 60), rx.size());    // len
-    EXPECT_EQ(bytes(out.begin() + pl + 62, out.begin() + pl + 62 + static_cast<long>(rx.size())), rx);
+    ASSERT_TRUE(sim_pkt_msg_build(out, p, fi));
+    bytes pl(out.begin() + HAL_MSG_HDR_LEN, out.end());
+    EXPECT_EQ(pl[HAL_PKT_OFF_VLAN_DEPTH], 2);
+    EXPECT_EQ(host_at<u16>(pl, HAL_PKT_OFF_VLAN_STACK), 0x88a8);      // [0].tpid
+    EXPECT_EQ(host_at<u16>(pl, HAL_PKT_OFF_VLAN_STACK + 6), 0x200a);  // [1].tci
+    EXPECT_EQ(host_at<u16>(pl, HAL_PKT_OFF_ETHTYPE), 0x0800);
+    EXPECT_EQ(host_at<u16>(pl, HAL_PKT_OFF_IP_PROTO), 17);
 }
 
 TEST(SimFpChan, MalformedMessagesAreCountedAndSurvived)
 {
     chan c;
-    bytes reg = msg(0x100, 1, u32_payload(1027));
-    bytes longer = reg;
-    longer.insert(longer.end(), 100, 0xee);  // bytes beyond nlmsg_len are ignored
-    bytes pkt_short = msg(1, 0, bytes(40, 0));
-    struct {
-        const char *what;
-        bytes dgram;
-        bool answered;
-        std::uint32_t result;
-    } cases[] = {
-        {"shorter than a header", bytes(10, 0), false, 0},
-        {"length beyond the datagram", msg(0x100, 2, u32_payload(1027), 2000), false, 0},
-        {"length below a header", msg(0x100, 3, u32_payload(1027), 8), false, 0},
-        {"registration without its number", msg(0x100, 4, {}), true, TAVO_PARAM},
-        {"trap request cut short", msg(321, 5, bytes(8, 0)), true, TAVO_PARAM},
-        {"source-guard request cut short", msg(329, 6, bytes(19, 0)), true, TAVO_PARAM},
-        {"MAC lookup cut short", msg(0x101, 7, bytes(7, 0)), true, TAVO_PARAM},
-        {"unknown type", msg(77, 8, bytes(4, 0)), true, TAVO_PARAM},
-        {"packet message without its fixed part", pkt_short, false, 0},
-        {"trailing bytes", longer, true, 0},
-    };
-    for (auto &k : cases) {
-        bytes r = c.handle(k.dgram);
-        EXPECT_EQ(!r.empty(), k.answered) << k.what;
-        if (k.answered) {
-            ASSERT_EQ(r.size(), 20u) << k.what;
-            EXPECT_EQ(host_at<std::uint32_t>(r, 16), k.result) << k.what;
+    bytes longer = reg(27);
+    longer.insert(longer.end(), 100, 0xee);
+    EXPECT_TRUE(c.handle(reg(27, 200)).empty()) << "length past the datagram";
+    EXPECT_TRUE(c.handle(reg(27, 8)).empty()) << "length shorter than a header";
+    EXPECT_TRUE(c.handle(msg(1, 0, bytes(40, 0))).empty()) << "packet message without its fixed part";
+    EXPECT_EQ(c.handle(longer).size(), 20u) << "bytes past the length are ignored";
+    EXPECT_EQ(c.fp->stats().rx_bad, 3u);
+
+    // Every truncation of each request, in an exact-size heap copy whose
+    // length field says so: shorter than a header, dropped; else TAVO_PARAM.
+    std::uint64_t bad = c.fp->stats().rx_bad;
+    for (const bytes &whole : {reg(27), trap(321, 100, 1), guard(ONU, CLIENT, 0), mac_lookup(100)}) {
+        for (std::size_t n = 0; n < whole.size(); ++n, ++bad) {
+            std::unique_ptr<std::uint8_t[]> cut(new std::uint8_t[n ? n : 1]);
+            std::copy_n(whole.begin(), n, cut.get());
+            u32 len = static_cast<u32>(n);
+            if (n >= 4) std::memcpy(cut.get(), &len, 4);
+            bytes r = c.handle(bytes_view(cut.get(), n));
+            EXPECT_EQ(r.empty() ? 0u : host_at<u32>(r, 16), n < 16 ? 0u : u32(TAVO_PARAM)) << n;
         }
     }
-    EXPECT_EQ(c.fp->stats().rx_bad, 9u) << "all but the trailing bytes";
+    EXPECT_EQ(c.fp->stats().rx_bad, bad);
     EXPECT_TRUE(c.sent.empty());
+    EXPECT_FALSE(c.sw->traps().on(4, 100));
+    EXPECT_EQ(c.sw->guard().size(), 0u);
 }
 
 } // namespace
