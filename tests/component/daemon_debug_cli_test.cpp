@@ -1,7 +1,6 @@
 // The debugging switches as an operator drives them: dhcpsh against the
 // running daemon, exact outputs and exit statuses, one transcript.
 #include <gtest/gtest.h>
-
 #include "tests/support/daemon_proc.h"
 #include "tests/support/fake_devmgr.h"
 #include "tests/support/fake_fp.h"
@@ -21,13 +20,6 @@ protected:
     daemon_proc d{DHCP_BIN, DHCPSH_BIN};
 };
 
-const char *const kAllOn = "  Dhcp event debugging is on\n"
-                           "  Dhcp packet debugging is on\n"
-                           "  Dhcp interface debugging is on\n"
-                           "  Dhcp timer debugging is on\n"
-                           "  Dhcp diagnose debugging is on\n"
-                           "  Dhcp snmp debugging is on\n";
-
 // Each row is one dhcpsh run; the daemon keeps its state from row to row.
 TEST_F(DaemonDebugCli, Transcript)
 {
@@ -41,7 +33,9 @@ TEST_F(DaemonDebugCli, Transcript)
         // Lines follow the bit order, not the order of the commands.
         {{"debug dhcp timer", "debug dhcp packet", "show debugging dhcp"},
          "  Dhcp packet debugging is on\n  Dhcp timer debugging is on\n", 0},
-        {{"debug dhcp all", "show debugging dhcp"}, kAllOn, 0},
+        {{"debug dhcp all", "show debugging dhcp"},
+         "  Dhcp event debugging is on\n  Dhcp packet debugging is on\n  Dhcp interface debugging is on\n"
+         "  Dhcp timer debugging is on\n  Dhcp diagnose debugging is on\n  Dhcp snmp debugging is on\n", 0},
         {{"no debug dhcp snmp", "no debug dhcp events", "no debug dhcp timer", "show debugging dhcp"},
          "  Dhcp packet debugging is on\n  Dhcp interface debugging is on\n  Dhcp diagnose debugging is on\n", 0},
         {{"no debug dhcp packet", "no debug dhcp interface", "no debug dhcp diagnose", "show debugging dhcp"},

@@ -82,9 +82,6 @@ bytes with(bytes f, std::size_t off, std::initializer_list<std::uint8_t> v)
     return f;
 }
 
-// The same DISCOVER from another client (Ethernet source and chaddr).
-bytes from_client(std::initializer_list<std::uint8_t> mac) { return with(with(kDiscover, OFF_ETH_SRC, mac), OFF_CHADDR, mac); }
-
 // The IPv4 header checksum again after a change of the header.
 bytes with_ip_checksum(bytes f)
 {
@@ -100,7 +97,7 @@ bytes with_ip_checksum(bytes f)
 const std::uint32_t GE1 = st_ifindex_gen_by_phyinfo(PORT_TYPE_GE, 1, 1, 0, 1, 0);
 const std::uint32_t GE2 = st_ifindex_gen_by_phyinfo(PORT_TYPE_GE, 1, 1, 0, 2, 0);
 const std::uint32_t GE3 = st_ifindex_gen_by_phyinfo(PORT_TYPE_GE, 1, 1, 0, 3, 0);
-const std::uint32_t GE9 = st_ifindex_gen_by_phyinfo(PORT_TYPE_GE, 1, 1, 0, 9, 0);
+const std::uint32_t GE9 = st_ifindex_gen_by_phyinfo(PORT_TYPE_GE, 1, 1, 0, 9, 0);  // never announced
 const std::uint32_t PON = st_ifindex_gen_by_phyinfo(PORT_TYPE_GPON, 1, 2, 0, 1, 0);
 const std::uint32_t ONU = st_ifindex_gen_by_phyinfo(PORT_TYPE_GONU, 1, 2, 0, 1, 5);
 const std::uint32_t SP9 = st_ifindex_gen_by_logicinfo(PORT_TYPE_GPON_SERVPORT, 9);
@@ -157,25 +154,16 @@ protected:
         ASSERT_EQ(r.status, 0) << r.out << r.err;
     }
 
-    // The log written since `from`, once it holds `text` (or after the time-out).
-    std::string tail_until(std::size_t from, const std::string &text, int timeout_ms = 5000)
-    {
-        std::string tail;
-        for (int waited = 0; waited <= timeout_ms; waited += 20) {
-            std::string all = d.log();
-            tail = all.size() > from ? all.substr(from) : "";
-            if (tail.find(text) != std::string::npos) break;
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return tail;
-    }
-
-    // Sends and returns the log lines it caused, up to and including `last`.
+    // Sends and returns the log written since, once it holds `last`.
     std::string send_until(const hal_msg_pkt_t &p, const std::string &last)
     {
         std::size_t from = d.log().size();
         EXPECT_TRUE(fp.send_pkt(p));
-        std::string tail = tail_until(from, last);
+        std::string tail;
+        for (int waited = 0; tail.find(last) == std::string::npos && waited <= 5000; waited += 20) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            tail = d.log().substr(from);
+        }
         EXPECT_NE(tail.find(last), std::string::npos) << "never logged: \"" << last << "\"";
         return tail;
     }
@@ -184,28 +172,6 @@ protected:
     fake_fp fp;
     daemon_proc d{DHCP_BIN, DHCPSH_BIN};  // last, so it is killed before the peers go
 };
-
-TEST_F(DaemonSpine, ReplayedDeviceStateIsKnownToTheDaemon)
-{
-    // Host name asked at start-up, not the product file's default.
-    EXPECT_EQ(d.vty('P').prompt, "olt-lab7# ");
-    EXPECT_EQ(d.vty('X', "configure terminal").prompt, "olt-lab7(config)# ");
-    // Every port, VLAN membership and ONU state found its place.
-    EXPECT_TRUE(d.log_lines("", 100).empty()) << d.log_lines("", 100)[0];
-
-    config({"debug dhcp packet"});
-    std::string t = send_until(pkt(GE1, 100, kDiscover), "on port ge1/1/1 dispatched");
-    EXPECT_EQ(t.find("is not existed."), std::string::npos);
-    send_until(pkt(GE9, 100, kDiscover), "[vid: 100]Port ge1/1/9[#0012109000] is not existed.");
-    EXPECT_EQ(d.log_lines("[vid: 100]Port ge1/1/9[#0012109000] is not existed.", 100).size(), 1u);
-
-    // A port the manager removes is gone for the packet path too.
-    config({"debug dhcp events"});
-    dm.del_port(GE2);
-    EXPECT_TRUE(d.wait_log("delete if ge1/1/2"));
-    send_until(pkt(GE2, 200, kDiscover), "[vid: 200]Port ge1/1/2[#0012102000] is not existed.");
-    EXPECT_EQ(d.log_lines("on port ge1/1/2 dispatched").size(), 0u);
-}
 
 TEST_F(DaemonSpine, FramesAreTracedWithTheirPortVlanAndServicePort)
 {
@@ -273,24 +239,7 @@ TEST_F(DaemonSpine, FramesAreTracedWithTheirPortVlanAndServicePort)
     }
 }
 
-TEST_F(DaemonSpine, UnknownPortIsAnErrorOnlyForARealPortType)
-{
-    const std::string no_type = "[#0000000007] is not existed.";  // index 7 encodes no port type
-    const std::string ge9 = "[vid: 100]Port ge1/1/9[#0012109000] is not existed.";
-    // Debugging off: the real port is still reported, the index without a type is not.
-    EXPECT_TRUE(fp.send_pkt(pkt(7, 100, kDiscover)));
-    send_until(pkt(GE9, 100, kDiscover), ge9);
-    EXPECT_EQ(d.log_lines(ge9, 100).size(), 1u);
-    EXPECT_TRUE(d.log_lines(no_type).empty());
-
-    config({"debug dhcp packet"});
-    send_until(pkt(7, 100, kDiscover), no_type);
-    EXPECT_EQ(d.log_lines(no_type, 20).size(), 1u);
-    EXPECT_TRUE(d.log_lines(no_type, 100).empty());
-    EXPECT_TRUE(d.log_lines("dispatched").empty()) << "a frame from an unknown port went on";
-}
-
-TEST_F(DaemonSpine, FramesThatAreNotDhcpAndOtherMessageTypesAreRefused)
+TEST_F(DaemonSpine, FramesThatAreNotDhcpOtherMessageTypesAndIndexesWithoutATypeAreRefused)
 {
     struct {
         const char *what;
@@ -314,13 +263,19 @@ TEST_F(DaemonSpine, FramesThatAreNotDhcpAndOtherMessageTypesAreRefused)
 
     // A whole, valid packet message under another type is not a packet.
     bytes msg(HAL_PKT_MSG_LEN);
-    hal_msg_pkt_t p = pkt(GE1, 100, kDiscover);
-    ASSERT_TRUE(hal_msg_pkt_build(msg, p, 0, 0, 0));
+    ASSERT_TRUE(hal_msg_pkt_build(msg, pkt(GE1, 100, kDiscover), 0, 0, 0));
     ASSERT_TRUE(hal_msg_hdr_encode(msg, {HAL_PKT_MSG_LEN, 2, 0, 0, 0}));
     EXPECT_TRUE(fp.send_raw(msg));
     EXPECT_TRUE(d.wait_log("dhcp_nl_msg: invalid msg type 2", 5000, 100));
 
+    // An index that encodes no port type is unknown too, but only a debugging line.
+    const std::string no_type = "[#0000000007] is not existed.";  // index 7
+    EXPECT_TRUE(fp.send_pkt(pkt(7, 100, kDiscover)));
     config({"debug dhcp packet"});
+    send_until(pkt(7, 100, kDiscover), no_type);
+    EXPECT_EQ(d.log_lines(no_type, 20).size(), 1u);
+    EXPECT_TRUE(d.log_lines(no_type, 100).empty());
+
     send_until(pkt(GE1, 100, kDiscover), "on port ge1/1/1 dispatched");
     EXPECT_EQ(d.log_lines("dispatched").size(), 1u) << "a refused frame or message was dispatched";
 }
@@ -355,7 +310,8 @@ TEST_F(DaemonSpine, OnlyTheMonitoredClientIsTracedWhenNoCategoryIsOn)
     // The other client comes between two frames of the monitored one, so a
     // monitoring flag left on after a frame would show on it.
     EXPECT_TRUE(fp.send_pkt(pkt(GE1, 200, kDiscover)));
-    EXPECT_TRUE(fp.send_pkt(pkt(GE1, 100, from_client({0x00, 0x66, 0x77, 0x88, 0x99, 0xaa}))));
+    const std::initializer_list<std::uint8_t> other = {0x00, 0x66, 0x77, 0x88, 0x99, 0xaa};
+    EXPECT_TRUE(fp.send_pkt(pkt(GE1, 100, with(with(kDiscover, OFF_ETH_SRC, other), OFF_CHADDR, other))));
     send_until(pkt(GE1, 300, kDiscover), "[vid: 300]discovery from 0011-2233-4455 on port ge1/1/1 dispatched");
     expect_in_order(d.log(), {"<============ check dhcp debug is on client 0011-2233-4455",
                               "[vid: 200]option 53 len  1 message-type:1 (discovery)",
@@ -363,9 +319,18 @@ TEST_F(DaemonSpine, OnlyTheMonitoredClientIsTracedWhenNoCategoryIsOn)
     EXPECT_TRUE(d.log_lines("[vid: 100]").empty()) << "the other client's frame was traced";
 }
 
-TEST_F(DaemonSpine, BothPeersMayRestart)
+// The replayed state and later changes reach the packet path, also across
+// restarts of either peer.
+TEST_F(DaemonSpine, DeviceStateFollowsTheManagerAndBothPeersMayRestart)
 {
+    // Host name asked at start-up, not the product file's default.
+    EXPECT_EQ(d.vty('P').prompt, "olt-lab7# ");
+    EXPECT_EQ(d.vty('X', "configure terminal").prompt, "olt-lab7(config)# ");
+    // Every port, VLAN membership and ONU state found its place.
+    EXPECT_TRUE(d.log_lines("", 100).empty()) << d.log_lines("", 100)[0];
     config({"debug dhcp packet", "debug dhcp events"});
+    EXPECT_EQ(send_until(pkt(GE1, 100, kDiscover), "on port ge1/1/1 dispatched").find("is not existed."),
+              std::string::npos);
 
     // Forwarding plane: the daemon reconnects, registers again and receives.
     fp.stop();
@@ -385,12 +350,16 @@ TEST_F(DaemonSpine, BothPeersMayRestart)
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out, "  Dhcp event debugging is on\n  Dhcp packet debugging is on\n");
     send_until(pkt(GE2, 200, kDiscover), "[vid: 200]discovery from 0011-2233-4455 on port ge1/1/2 dispatched");
-
     ASSERT_TRUE(dm.start());
     ASSERT_TRUE(d.wait_replayed(2));
     dm.add_port(GE3, "ge1/1/3");
     EXPECT_TRUE(d.wait_log("add port ge1/1/3"));
     send_until(pkt(GE3, 100, kDiscover), "[vid: 100]discovery from 0011-2233-4455 on port ge1/1/3 dispatched");
+    // A port the manager removes is gone for the packet path too.
+    dm.del_port(GE2);
+    EXPECT_TRUE(d.wait_log("delete if ge1/1/2"));
+    send_until(pkt(GE2, 200, kDiscover), "[vid: 200]Port ge1/1/2[#0012102000] is not existed.");
+    EXPECT_EQ(d.log_lines("on port ge1/1/2 dispatched").size(), 1u);
     EXPECT_TRUE(d.alive());
 }
 

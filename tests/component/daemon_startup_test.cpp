@@ -6,7 +6,6 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <thread>
-
 #include "tests/support/daemon_proc.h"
 #include "tests/support/fake_devmgr.h"
 #include "tests/support/fake_fp.h"
@@ -77,11 +76,16 @@ TEST(DaemonStartup, UnreachableDeviceManagerExitsWithoutPidFile)
     }
 }
 
-TEST(DaemonStartup, UnknownOptionsAreIgnored)
+// Unknown options are ignored, the daemon installs no handlers of its own for
+// SIGHUP and SIGUSR1, and a host name the manager does not answer for comes
+// from the product file until the replay brings the manager's.
+TEST(DaemonStartup, ForegroundStartIgnoresUnknownOptionsHangupAndUser1)
 {
     daemon_proc d(DHCP_BIN, DHCPSH_BIN);
     fake_devmgr dm;
     fake_fp fp;
+    dm.set_hostname("from-manager");
+    dm.set_answer_hostname(false);
     ASSERT_TRUE(dm.start());
     ASSERT_TRUE(fp.start(d.hal_path()));
     ASSERT_TRUE(d.start(dm, {"--no-such-option", "-z", "--colour=blue", "-q", "stray"}));
@@ -90,7 +94,13 @@ TEST(DaemonStartup, UnknownOptionsAreIgnored)
     EXPECT_EQ(read_pid_file(d.pid_path(), 2000), d.pid()) << "in the foreground the pid file names the daemon itself";
     EXPECT_EQ(d.log_lines("DHCP 6.1 starting", 60).size(), 1u);
     EXPECT_EQ(fs::status(d.vty_path()).permissions() & fs::perms::all, fs::perms(0660));
+    ASSERT_EQ(kill(d.pid(), SIGHUP), 0);
+    ASSERT_EQ(kill(d.pid(), SIGUSR1), 0);
+    EXPECT_TRUE(d.wait_log("dhcp hostname change to prodfile"));
+    ASSERT_TRUE(d.wait_log("dhcp hostname change to from-manager"));
+    EXPECT_EQ(d.vty('P').prompt, "from-manager# ");
     EXPECT_TRUE(d.alive());
+    EXPECT_TRUE(d.log_lines("SIGHUP received").empty());
 }
 
 // What a killed daemon leaves behind (vty socket, pid file) does not stop the next one.
@@ -112,33 +122,6 @@ TEST(DaemonStartup, StartsAgainAfterBeingKilled)
     EXPECT_EQ(read_pid_file(d.pid_path(), 2000), d.pid());
     EXPECT_TRUE(d.wait_replayed(2)) << "second instance got no device state";
     EXPECT_EQ(d.sh({"configure terminal", "show debugging dhcp"}).out, "  Dhcp debugging is off\n");
-}
-
-// The daemon installs no handlers of its own for these two.
-TEST(DaemonStartup, HangupAndUser1LeaveItRunning)
-{
-    daemon_proc d(DHCP_BIN, DHCPSH_BIN);
-    fake_devmgr dm;
-    ASSERT_TRUE(dm.start());
-    ASSERT_TRUE(d.start(dm));
-    ASSERT_EQ(kill(d.pid(), SIGHUP), 0);
-    ASSERT_EQ(kill(d.pid(), SIGUSR1), 0);
-    EXPECT_TRUE(d.vty('P').ok);
-    EXPECT_TRUE(d.alive());
-    EXPECT_TRUE(d.log_lines("SIGHUP received").empty());
-}
-
-TEST(DaemonStartup, HostNameFallsBackToTheProductFileThenFollowsTheReplay)
-{
-    daemon_proc d(DHCP_BIN, DHCPSH_BIN);
-    fake_devmgr dm;
-    dm.set_hostname("from-manager");
-    dm.set_answer_hostname(false);
-    ASSERT_TRUE(dm.start());
-    ASSERT_TRUE(d.start(dm));
-    EXPECT_TRUE(d.wait_log("dhcp hostname change to prodfile"));
-    ASSERT_TRUE(d.wait_log("dhcp hostname change to from-manager"));
-    EXPECT_EQ(d.vty('P').prompt, "from-manager# ");
 }
 
 TEST(DaemonStartup, DaemonModeDetachesAndWritesThePidOfTheDetachedProcess)

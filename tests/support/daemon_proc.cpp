@@ -34,12 +34,25 @@ int ms_left(clk::time_point deadline)
     return left > 0 ? static_cast<int>(left) : 0;
 }
 
-std::vector<char *> c_argv(const std::vector<std::string> &argv)
+// Forks and executes argv with stdin from /dev/null and the given stdout and
+// stderr; the child dies with this process.
+pid_t spawn(const std::vector<std::string> &argv, int out_fd, int err_fd)
 {
-    std::vector<char *> v;
-    for (const auto &s : argv) v.push_back(const_cast<char *>(s.c_str()));
-    v.push_back(nullptr);
-    return v;
+    std::vector<char *> args;
+    for (const auto &s : argv) args.push_back(const_cast<char *>(s.c_str()));
+    args.push_back(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        // Only async-signal-safe calls between fork and exec: the peers run threads.
+        int null_fd = open("/dev/null", O_RDONLY);
+        if (null_fd >= 0) dup2(null_fd, STDIN_FILENO);
+        dup2(out_fd, STDOUT_FILENO);
+        dup2(err_fd, STDERR_FILENO);
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        execv(args[0], args.data());
+        _exit(127);
+    }
+    return pid;
 }
 
 int exit_code(int status)
@@ -99,18 +112,7 @@ proc_result run_proc(const std::vector<std::string> &argv, int timeout_ms)
         close(out[1]);
         return res;
     }
-    std::vector<char *> args = c_argv(argv);
-    pid_t pid = fork();
-    if (pid == 0) {
-        // Only async-signal-safe calls between fork and exec: the peers run threads.
-        int null_fd = open("/dev/null", O_RDONLY);
-        if (null_fd >= 0) dup2(null_fd, STDIN_FILENO);
-        dup2(out[1], STDOUT_FILENO);
-        dup2(err[1], STDERR_FILENO);
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        execv(args[0], args.data());
-        _exit(127);
-    }
+    pid_t pid = spawn(argv, out[1], err[1]);
     close(out[1]);
     close(err[1]);
     if (pid < 0) {
@@ -242,22 +244,9 @@ std::vector<std::string> daemon_proc::args(const fake_devmgr *dm, const std::vec
 bool daemon_proc::start(const fake_devmgr &dm, const std::vector<std::string> &extra, int timeout_ms)
 {
     kill_now();
-    std::vector<std::string> argv = args(&dm, extra);
-    std::vector<char *> cargv = c_argv(argv);
-    std::string out = out_path();
-    pid_t pid = fork();
-    if (pid == 0) {
-        int null_fd = open("/dev/null", O_RDONLY);
-        int out_fd = open(out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        if (null_fd >= 0) dup2(null_fd, STDIN_FILENO);
-        if (out_fd >= 0) {
-            dup2(out_fd, STDOUT_FILENO);
-            dup2(out_fd, STDERR_FILENO);
-        }
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        execv(cargv[0], cargv.data());
-        _exit(127);
-    }
+    int out_fd = open(out_path().c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    pid_t pid = spawn(args(&dm, extra), out_fd, out_fd);
+    if (out_fd >= 0) close(out_fd);
     if (pid < 0) return false;
     pid_ = pid;
     child_ = true;

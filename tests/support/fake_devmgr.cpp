@@ -14,6 +14,7 @@
 namespace {
 
 constexpr int SEND_TIMEOUT_MS = 2000;
+const std::uint8_t NO_VLANS[UVLAN_BITMAP_LEN] = {};
 
 void set_str(char *dst, std::size_t cap, const std::string &s)
 {
@@ -21,6 +22,69 @@ void set_str(char *dst, std::size_t cap, const std::string &s)
     std::memcpy(dst, s.data(), n);
     dst[n] = '\0';
 }
+
+// One builder per message, shared by the replay and the notifications.
+devmgr_msg_t msg(std::uint16_t type)
+{
+    devmgr_msg_t m{};
+    m.type = type;
+    return m;
+}
+
+devmgr_msg_t host_msg(const std::string &name)
+{
+    devmgr_msg_t m = msg(DEVMGR_HOST);
+    set_str(m.hostname, sizeof m.hostname, name);
+    return m;
+}
+
+devmgr_msg_t if_msg(std::uint16_t type, const umsg_if_t &info)
+{
+    devmgr_msg_t m = msg(type);
+    m.ifm = info;
+    return m;
+}
+
+devmgr_msg_t vlan_msg(std::uint16_t type, const std::uint8_t *bitmap)
+{
+    devmgr_msg_t m = msg(type);
+    std::memcpy(m.vlan.uvlan, bitmap, UVLAN_BITMAP_LEN);
+    return m;
+}
+
+devmgr_msg_t vlan_port_msg(std::uint32_t ifindex, std::uint16_t op, std::uint16_t tag, std::uint16_t pvid,
+                           const std::uint8_t *bitmap)
+{
+    devmgr_msg_t m = msg(DEVMGR_VLAN_PORT);
+    m.vlan_port.ifindex = ifindex;
+    m.vlan_port.op = op;
+    m.vlan_port.tag = tag;
+    m.vlan_port.pvid = pvid;
+    std::memcpy(m.vlan_port.uvlan, bitmap, UVLAN_BITMAP_LEN);
+    return m;
+}
+
+devmgr_msg_t trunk_msg(std::uint32_t member, std::uint32_t trunk_id)
+{
+    devmgr_msg_t m = msg(DEVMGR_TRUNK_SET);
+    m.trunk = {member, trunk_id};
+    return m;
+}
+
+devmgr_msg_t onu_msg(std::uint32_t ifindex, int status, const std::string &sn)
+{
+    devmgr_msg_t m = msg(DEVMGR_ONU_STATUS);
+    m.onu.ifindex = ifindex;
+    m.onu.status = status;
+    set_str(m.onu.onu_sn, sizeof m.onu.onu_sn, sn);
+    return m;
+}
+
+// A bitmap holding one VLAN.
+struct one_vlan {
+    explicit one_vlan(std::uint16_t vid) { uvlan_bitmap_set(bm, vid); }
+    std::uint8_t bm[UVLAN_BITMAP_LEN] = {};
+};
 
 } // namespace
 
@@ -73,17 +137,9 @@ void fake_devmgr::stop()
     cv_.notify_all();
 }
 
-std::uint16_t fake_devmgr::sync_port() const
-{
-    std::lock_guard<std::mutex> lk(mu_);
-    return sync_port_;
-}
+std::uint16_t fake_devmgr::sync_port() const { std::lock_guard<std::mutex> lk(mu_); return sync_port_; }
 
-std::uint16_t fake_devmgr::async_port() const
-{
-    std::lock_guard<std::mutex> lk(mu_);
-    return async_port_;
-}
+std::uint16_t fake_devmgr::async_port() const { std::lock_guard<std::mutex> lk(mu_); return async_port_; }
 
 void fake_devmgr::run(int wake_fd)
 {
@@ -197,56 +253,21 @@ void fake_devmgr::answer(int fd, const devmgr_msg_t &req)
 void fake_devmgr::replay_locked(int fd)
 {
     std::vector<std::uint8_t> out;
-    devmgr_msg_t m{};
-    auto add = [&](devmgr_msg_t &msg) { devmgr_encode(msg, out); msg = devmgr_msg_t{}; };
-
-    m.type = DEVMGR_REPLAY_START;
-    add(m);
-    m.type = DEVMGR_HOST;
-    set_str(m.hostname, sizeof m.hostname, hostname_);
-    add(m);
-    if (st_get_min_vlan_in_bitmap(vlans_) >= 0) {
-        m.type = DEVMGR_VLAN_CREATE;
-        std::memcpy(m.vlan.uvlan, vlans_, sizeof vlans_);
-        add(m);
-    }
+    auto add = [&](const devmgr_msg_t &m) { devmgr_encode(m, out); };
+    add(msg(DEVMGR_REPLAY_START));
+    add(host_msg(hostname_));
+    if (st_get_min_vlan_in_bitmap(vlans_) >= 0) add(vlan_msg(DEVMGR_VLAN_CREATE, vlans_));
+    for (auto &[ifindex, p] : ports_) add(if_msg(DEVMGR_IF_NEW, p.info));
     for (auto &[ifindex, p] : ports_) {
-        m.type = DEVMGR_IF_NEW;
-        m.ifm = p.info;
-        add(m);
-    }
-    static const std::uint8_t empty[UVLAN_BITMAP_LEN] = {};
-    for (auto &entry : ports_) {
-        const std::uint32_t ifindex = entry.first;
-        const port_state &p = entry.second;
-        if (p.trunk) {
-            m.type = DEVMGR_TRUNK_SET;
-            m.trunk = {ifindex, p.trunk};
-            add(m);
-        }
+        if (p.trunk) add(trunk_msg(ifindex, p.trunk));
         // The port VLAN id first: setting it empties the tagged and untagged sets.
-        auto vp = [&](std::uint16_t op, std::uint16_t tag, std::uint16_t pvid, const std::uint8_t *bm) {
-            m.type = DEVMGR_VLAN_PORT;
-            m.vlan_port.ifindex = ifindex;
-            m.vlan_port.op = op;
-            m.vlan_port.tag = tag;
-            m.vlan_port.pvid = pvid;
-            std::memcpy(m.vlan_port.uvlan, bm, UVLAN_BITMAP_LEN);
-            add(m);
-        };
-        if (p.pvid) vp(UMSG_VLAN_PORT_PVID, 0, p.pvid, empty);
-        if (st_get_min_vlan_in_bitmap(p.tagged) >= 0) vp(UMSG_VLAN_PORT_ADD, 0, 0, p.tagged);
-        if (st_get_min_vlan_in_bitmap(p.untagged) >= 0) vp(UMSG_VLAN_PORT_ADD, 1, 0, p.untagged);
+        if (p.pvid) add(vlan_port_msg(ifindex, UMSG_VLAN_PORT_PVID, 0, p.pvid, NO_VLANS));
+        if (st_get_min_vlan_in_bitmap(p.tagged) >= 0) add(vlan_port_msg(ifindex, UMSG_VLAN_PORT_ADD, 0, 0, p.tagged));
+        if (st_get_min_vlan_in_bitmap(p.untagged) >= 0)
+            add(vlan_port_msg(ifindex, UMSG_VLAN_PORT_ADD, 1, 0, p.untagged));
     }
-    for (auto &[ifindex, o] : onus_) {
-        m.type = DEVMGR_ONU_STATUS;
-        m.onu.ifindex = ifindex;
-        m.onu.status = o.status;
-        set_str(m.onu.onu_sn, sizeof m.onu.onu_sn, o.sn);
-        add(m);
-    }
-    m.type = DEVMGR_REPLAY_END;
-    add(m);
+    for (auto &[ifindex, o] : onus_) add(onu_msg(ifindex, o.status, o.sn));
+    add(msg(DEVMGR_REPLAY_END));
     devmgr_send_bytes(fd, out.data(), out.size(), SEND_TIMEOUT_MS);
     ++replays_;
 }
@@ -262,11 +283,7 @@ void fake_devmgr::push_locked(const devmgr_msg_t &m)
     if (devmgr_encode(m, out)) send_all_locked(out);
 }
 
-void fake_devmgr::push(const devmgr_msg_t &m)
-{
-    std::lock_guard<std::mutex> lk(mu_);
-    push_locked(m);
-}
+void fake_devmgr::push(const devmgr_msg_t &m) { std::lock_guard<std::mutex> lk(mu_); push_locked(m); }
 
 void fake_devmgr::push_raw(bytes_view bytes)
 {
@@ -278,10 +295,7 @@ void fake_devmgr::set_hostname(const std::string &name)
 {
     std::lock_guard<std::mutex> lk(mu_);
     hostname_ = name;
-    devmgr_msg_t m{};
-    m.type = DEVMGR_HOST;
-    set_str(m.hostname, sizeof m.hostname, name);
-    push_locked(m);
+    push_locked(host_msg(name));
 }
 
 void fake_devmgr::add_port(std::uint32_t ifindex, const std::string &name, bool up)
@@ -298,52 +312,38 @@ void fake_devmgr::add_port(const umsg_if_t &info)
 {
     std::lock_guard<std::mutex> lk(mu_);
     ports_[info.ifindex].info = info;
-    devmgr_msg_t m{};
-    m.type = DEVMGR_IF_NEW;
-    m.ifm = info;
-    push_locked(m);
+    push_locked(if_msg(DEVMGR_IF_NEW, info));
 }
 
 void fake_devmgr::del_port(std::uint32_t ifindex)
 {
     std::lock_guard<std::mutex> lk(mu_);
-    devmgr_msg_t m{};
-    m.type = DEVMGR_IF_DEL;
-    auto it = ports_.find(ifindex);
-    if (it != ports_.end()) {
-        m.ifm = it->second.info;
+    umsg_if_t info{};
+    info.ifindex = ifindex;
+    if (auto it = ports_.find(ifindex); it != ports_.end()) {
+        info = it->second.info;
         ports_.erase(it);
-    } else {
-        m.ifm.ifindex = ifindex;
     }
     onus_.erase(ifindex);
-    push_locked(m);
+    push_locked(if_msg(DEVMGR_IF_DEL, info));
 }
 
 void fake_devmgr::set_port_status(std::uint32_t ifindex, bool up)
 {
     std::lock_guard<std::mutex> lk(mu_);
-    devmgr_msg_t m{};
-    m.type = DEVMGR_IF_STATUS;
+    umsg_if_t unknown{};
+    unknown.ifindex = ifindex;
     auto it = ports_.find(ifindex);
-    if (it != ports_.end()) {
-        it->second.info.status = up ? 1 : 0;
-        m.ifm = it->second.info;
-    } else {
-        m.ifm.ifindex = ifindex;
-        m.ifm.status = up ? 1 : 0;
-    }
-    push_locked(m);
+    umsg_if_t &info = it != ports_.end() ? it->second.info : unknown;
+    info.status = up ? 1 : 0;
+    push_locked(if_msg(DEVMGR_IF_STATUS, info));
 }
 
 void fake_devmgr::add_vlan(std::uint16_t vid)
 {
     std::lock_guard<std::mutex> lk(mu_);
     uvlan_bitmap_set(vlans_, vid);
-    devmgr_msg_t m{};
-    m.type = DEVMGR_VLAN_CREATE;
-    uvlan_bitmap_set(m.vlan.uvlan, vid);
-    push_locked(m);
+    push_locked(vlan_msg(DEVMGR_VLAN_CREATE, one_vlan(vid).bm));
 }
 
 void fake_devmgr::del_vlan(std::uint16_t vid)
@@ -354,23 +354,7 @@ void fake_devmgr::del_vlan(std::uint16_t vid)
         uvlan_bitmap_clear(p.tagged, vid);
         uvlan_bitmap_clear(p.untagged, vid);
     }
-    devmgr_msg_t m{};
-    m.type = DEVMGR_VLAN_DESTROY;
-    uvlan_bitmap_set(m.vlan.uvlan, vid);
-    push_locked(m);
-}
-
-void fake_devmgr::vlan_port_msg_locked(std::uint32_t ifindex, std::uint16_t op, std::uint16_t tag,
-                                       std::uint16_t pvid, const std::uint8_t *bitmap)
-{
-    devmgr_msg_t m{};
-    m.type = DEVMGR_VLAN_PORT;
-    m.vlan_port.ifindex = ifindex;
-    m.vlan_port.op = op;
-    m.vlan_port.tag = tag;
-    m.vlan_port.pvid = pvid;
-    std::memcpy(m.vlan_port.uvlan, bitmap, UVLAN_BITMAP_LEN);
-    push_locked(m);
+    push_locked(vlan_msg(DEVMGR_VLAN_DESTROY, one_vlan(vid).bm));
 }
 
 void fake_devmgr::port_add_vlan(std::uint32_t ifindex, std::uint16_t vid, bool tagged)
@@ -379,9 +363,7 @@ void fake_devmgr::port_add_vlan(std::uint32_t ifindex, std::uint16_t vid, bool t
     port_state &p = ports_[ifindex];
     uvlan_bitmap_set(tagged ? p.tagged : p.untagged, vid);
     uvlan_bitmap_clear(tagged ? p.untagged : p.tagged, vid);
-    std::uint8_t bm[UVLAN_BITMAP_LEN] = {};
-    uvlan_bitmap_set(bm, vid);
-    vlan_port_msg_locked(ifindex, UMSG_VLAN_PORT_ADD, tagged ? 0 : 1, 0, bm);
+    push_locked(vlan_port_msg(ifindex, UMSG_VLAN_PORT_ADD, tagged ? 0 : 1, 0, one_vlan(vid).bm));
 }
 
 void fake_devmgr::port_del_vlan(std::uint32_t ifindex, std::uint16_t vid, bool tagged)
@@ -389,9 +371,7 @@ void fake_devmgr::port_del_vlan(std::uint32_t ifindex, std::uint16_t vid, bool t
     std::lock_guard<std::mutex> lk(mu_);
     port_state &p = ports_[ifindex];
     uvlan_bitmap_clear(tagged ? p.tagged : p.untagged, vid);
-    std::uint8_t bm[UVLAN_BITMAP_LEN] = {};
-    uvlan_bitmap_set(bm, vid);
-    vlan_port_msg_locked(ifindex, UMSG_VLAN_PORT_DEL, tagged ? 0 : 1, 0, bm);
+    push_locked(vlan_port_msg(ifindex, UMSG_VLAN_PORT_DEL, tagged ? 0 : 1, 0, one_vlan(vid).bm));
 }
 
 void fake_devmgr::set_pvid(std::uint32_t ifindex, std::uint16_t pvid)
@@ -402,30 +382,21 @@ void fake_devmgr::set_pvid(std::uint32_t ifindex, std::uint16_t pvid)
     p.pvid = pvid;
     std::memset(p.tagged, 0, sizeof p.tagged);
     std::memset(p.untagged, 0, sizeof p.untagged);
-    static const std::uint8_t empty[UVLAN_BITMAP_LEN] = {};
-    vlan_port_msg_locked(ifindex, UMSG_VLAN_PORT_PVID, 0, pvid, empty);
+    push_locked(vlan_port_msg(ifindex, UMSG_VLAN_PORT_PVID, 0, pvid, NO_VLANS));
 }
 
 void fake_devmgr::set_trunk(std::uint32_t member, std::uint32_t trunk_id)
 {
     std::lock_guard<std::mutex> lk(mu_);
     ports_[member].trunk = trunk_id;
-    devmgr_msg_t m{};
-    m.type = DEVMGR_TRUNK_SET;
-    m.trunk = {member, trunk_id};
-    push_locked(m);
+    push_locked(trunk_msg(member, trunk_id));
 }
 
 void fake_devmgr::set_onu_status(std::uint32_t ifindex, int status, const std::string &sn)
 {
     std::lock_guard<std::mutex> lk(mu_);
     onus_[ifindex] = {status, sn};
-    devmgr_msg_t m{};
-    m.type = DEVMGR_ONU_STATUS;
-    m.onu.ifindex = ifindex;
-    m.onu.status = status;
-    set_str(m.onu.onu_sn, sizeof m.onu.onu_sn, sn);
-    push_locked(m);
+    push_locked(onu_msg(ifindex, status, sn));
 }
 
 bool fake_devmgr::wait_hello(int timeout_ms)
@@ -434,11 +405,7 @@ bool fake_devmgr::wait_hello(int timeout_ms)
     return cv_.wait_for(lk, std::chrono::milliseconds(timeout_ms), [&] { return hello_seen_; });
 }
 
-devmgr_hello_t fake_devmgr::hello() const
-{
-    std::lock_guard<std::mutex> lk(mu_);
-    return hello_;
-}
+devmgr_hello_t fake_devmgr::hello() const { std::lock_guard<std::mutex> lk(mu_); return hello_; }
 
 bool fake_devmgr::wait_async_clients(int n, int timeout_ms)
 {
@@ -453,17 +420,9 @@ int fake_devmgr::async_clients() const
     return static_cast<int>(async_conns_.size());
 }
 
-int fake_devmgr::replays() const
-{
-    std::lock_guard<std::mutex> lk(mu_);
-    return replays_;
-}
+int fake_devmgr::replays() const { std::lock_guard<std::mutex> lk(mu_); return replays_; }
 
-std::vector<devmgr_msg_t> fake_devmgr::requests() const
-{
-    std::lock_guard<std::mutex> lk(mu_);
-    return requests_;
-}
+std::vector<devmgr_msg_t> fake_devmgr::requests() const { std::lock_guard<std::mutex> lk(mu_); return requests_; }
 
 bool fake_devmgr::wait_request(std::uint16_t type, int timeout_ms)
 {
@@ -474,14 +433,6 @@ bool fake_devmgr::wait_request(std::uint16_t type, int timeout_ms)
     });
 }
 
-void fake_devmgr::set_answer_hostname(bool on)
-{
-    std::lock_guard<std::mutex> lk(mu_);
-    answer_hostname_ = on;
-}
+void fake_devmgr::set_answer_hostname(bool on) { std::lock_guard<std::mutex> lk(mu_); answer_hostname_ = on; }
 
-void fake_devmgr::set_result(std::uint32_t result)
-{
-    std::lock_guard<std::mutex> lk(mu_);
-    result_ = result;
-}
+void fake_devmgr::set_result(std::uint32_t result) { std::lock_guard<std::mutex> lk(mu_); result_ = result; }

@@ -90,8 +90,6 @@ private:
     void replay_locked(int fd);
     void push_locked(const devmgr_msg_t &m);
     void send_all_locked(const std::vector<std::uint8_t> &bytes);
-    void vlan_port_msg_locked(std::uint32_t ifindex, std::uint16_t op, std::uint16_t tag,
-                              std::uint16_t pvid, const std::uint8_t *bitmap);
 
     mutable std::mutex mu_;
     std::condition_variable cv_;

@@ -49,11 +49,7 @@ void fake_fp::stop()
     registered_ = false;
 }
 
-bool fake_fp::running() const
-{
-    std::lock_guard<std::mutex> lk(mu_);
-    return listen_fd_ >= 0;
-}
+bool fake_fp::running() const { std::lock_guard<std::mutex> lk(mu_); return listen_fd_ >= 0; }
 
 void fake_fp::run(int listen_fd, int wake_fd)
 {
@@ -143,29 +139,13 @@ bool fake_fp::wait_registered(int timeout_ms)
     return cv_.wait_for(lk, std::chrono::milliseconds(timeout_ms), [&] { return registered_; });
 }
 
-bool fake_fp::connected() const
-{
-    std::lock_guard<std::mutex> lk(mu_);
-    return conn_fd_ >= 0;
-}
+bool fake_fp::connected() const { std::lock_guard<std::mutex> lk(mu_); return conn_fd_ >= 0; }
 
-std::uint32_t fake_fp::module() const
-{
-    std::lock_guard<std::mutex> lk(mu_);
-    return module_;
-}
+std::uint32_t fake_fp::module() const { std::lock_guard<std::mutex> lk(mu_); return module_; }
 
-int fake_fp::registrations() const
-{
-    std::lock_guard<std::mutex> lk(mu_);
-    return registrations_;
-}
+int fake_fp::registrations() const { std::lock_guard<std::mutex> lk(mu_); return registrations_; }
 
-void fake_fp::set_register_result(std::uint32_t result)
-{
-    std::lock_guard<std::mutex> lk(mu_);
-    register_result_ = result;
-}
+void fake_fp::set_register_result(std::uint32_t result) { std::lock_guard<std::mutex> lk(mu_); register_result_ = result; }
 
 bool fake_fp::send_pkt(const hal_msg_pkt_t &p)
 {
@@ -190,11 +170,7 @@ bool fake_fp::send_raw(bytes_view msg)
     return send_locked(msg.data(), msg.size());
 }
 
-std::vector<fake_fp_msg> fake_fp::received() const
-{
-    std::lock_guard<std::mutex> lk(mu_);
-    return received_;
-}
+std::vector<fake_fp_msg> fake_fp::received() const { std::lock_guard<std::mutex> lk(mu_); return received_; }
 
 bool fake_fp::wait_received(std::size_t n, int timeout_ms)
 {
@@ -202,20 +178,8 @@ bool fake_fp::wait_received(std::size_t n, int timeout_ms)
     return cv_.wait_for(lk, std::chrono::milliseconds(timeout_ms), [&] { return received_.size() >= n; });
 }
 
-void fake_fp::clear_received()
-{
-    std::lock_guard<std::mutex> lk(mu_);
-    received_.clear();
-}
+void fake_fp::clear_received() { std::lock_guard<std::mutex> lk(mu_); received_.clear(); }
 
-void fake_fp::set_responder(responder r)
-{
-    std::lock_guard<std::mutex> lk(mu_);
-    responder_ = std::move(r);
-}
+void fake_fp::set_responder(responder r) { std::lock_guard<std::mutex> lk(mu_); responder_ = std::move(r); }
 
-void fake_fp::set_auto_reply(bool on)
-{
-    std::lock_guard<std::mutex> lk(mu_);
-    auto_reply_ = on;
-}
+void fake_fp::set_auto_reply(bool on) { std::lock_guard<std::mutex> lk(mu_); auto_reply_ = on; }

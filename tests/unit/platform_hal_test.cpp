@@ -1,5 +1,5 @@
-// Forwarding-plane channel: message layout, framing checks, registration,
-// delivery order and budget, request/reply, reconnection.
+// Forwarding-plane channel: message layout, truncations, registration,
+// delivery order and budget, malformed datagrams, request/reply, reconnection.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -10,6 +10,7 @@
 #include <sys/un.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "lib/thread.h"
@@ -20,6 +21,7 @@
 namespace {
 
 using bytes = std::vector<std::uint8_t>;
+using ms = std::chrono::milliseconds;
 
 template <class T> void host(bytes &b, T v)
 {
@@ -46,39 +48,25 @@ bytes golden_payload(std::uint16_t len_field, std::size_t frame_bytes)
     host<std::uint32_t>(b, 0x22222222);   // src_if
     host<std::int32_t>(b, 5);             // src_tid
     host<std::uint16_t>(b, len_field);    // len
-    for (std::size_t i = 0; i < frame_bytes; ++i) b.push_back(static_cast<std::uint8_t>(i));  // data
+    for (std::size_t i = 0; i < frame_bytes; ++i) b.push_back(std::uint8_t(i));  // data
     if (frame_bytes == HAL_PKT_DATA_MAX) b.insert(b.end(), 2, 0);  // tail padding of the record
     return b;
 }
 
-bytes message(std::uint16_t type, std::uint32_t seq, const bytes &payload)
+bytes message(std::uint16_t type, std::uint32_t seq, const bytes &payload, std::uint16_t flags = 0,
+              std::uint32_t pid = 0)
 {
     bytes b;
-    host<std::uint32_t>(b, static_cast<std::uint32_t>(16 + payload.size()));  // nlmsg_len
-    host<std::uint16_t>(b, type);                                             // nlmsg_type
-    host<std::uint16_t>(b, 0);                                                // nlmsg_flags
-    host<std::uint32_t>(b, seq);                                              // nlmsg_seq
-    host<std::uint32_t>(b, 0);                                                // nlmsg_pid
+    host<std::uint32_t>(b, std::uint32_t(16 + payload.size()));  // nlmsg_len
+    host<std::uint16_t>(b, type);                                // nlmsg_type
+    host<std::uint16_t>(b, flags);                               // nlmsg_flags
+    host<std::uint32_t>(b, seq);                                 // nlmsg_seq
+    host<std::uint32_t>(b, pid);                                 // nlmsg_pid
     b.insert(b.end(), payload.begin(), payload.end());
     return b;
 }
 
-TEST(HalMsg, HeaderDecodesInHostOrderAndRejectsEveryTruncation)
-{
-    bytes m = message(HAL_MSG_TYPE_PKT, 77, {});
-    hal_msg_hdr_t h{};
-    ASSERT_TRUE(hal_msg_hdr_decode(m, h));
-    EXPECT_EQ(h.nlmsg_len, 16u);
-    EXPECT_EQ(h.nlmsg_type, HAL_MSG_TYPE_PKT);
-    EXPECT_EQ(h.nlmsg_seq, 77u);
-    for (std::size_t n = 0; n < m.size(); ++n) {
-        bytes cut(m.begin(), m.begin() + static_cast<long>(n));
-        cut.shrink_to_fit();
-        EXPECT_FALSE(hal_msg_hdr_decode(cut, h)) << n;
-    }
-}
-
-TEST(HalMsg, PacketFieldsAtTheirOffsets)
+TEST(HalMsg, PacketFieldsAtTheirOffsetsHeaderInHostOrderAndWhatDoesNotFitIsRefused)
 {
     bytes p = golden_payload(64, HAL_PKT_DATA_MAX);
     ASSERT_EQ(p.size(), std::size_t(HAL_MSG_PKT_LEN));
@@ -95,56 +83,60 @@ TEST(HalMsg, PacketFieldsAtTheirOffsets)
     EXPECT_EQ(d.src_tid, 5);
     EXPECT_EQ(d.len, 64);
     EXPECT_EQ(d.data, p.data() + HAL_PKT_OFF_DATA);
-
     // Encoding the decoded view gives the same bytes except the unread fields, zeroed.
-    bytes again(HAL_MSG_PKT_LEN);
+    bytes again(HAL_MSG_PKT_LEN), expect = p;
     ASSERT_TRUE(hal_msg_pkt_encode(again, d));
-    bytes expect = p;
     std::fill(expect.begin() + HAL_PKT_OFF_DATA + 64, expect.end(), 0);
     EXPECT_EQ(again, expect);
+
+    bytes msg(HAL_PKT_MSG_LEN);
+    ASSERT_TRUE(hal_msg_pkt_build(msg, d, HAL_MSG_FLAG_REQUEST, 77, 3));
+    EXPECT_EQ(msg, message(HAL_MSG_TYPE_PKT, 77, expect, HAL_MSG_FLAG_REQUEST, 3));
+
+    // What does not fit is refused.
+    d.len = HAL_PKT_DATA_MAX + 1;
+    EXPECT_FALSE(hal_msg_pkt_encode(again, d));
+    d.len = 10;
+    EXPECT_FALSE(hal_msg_pkt_encode(bytes_span(again).first(HAL_MSG_PKT_LEN - 1), d));
+    EXPECT_FALSE(hal_msg_pkt_build(bytes_span(msg).first(HAL_PKT_MSG_LEN - 1), d, 0, 0, 0));
 }
 
-TEST(HalMsg, PacketLengthClampedToDataAreaAndBytesPresent)
+TEST(HalMsg, EveryTruncationIsRefusedOrClampedToWhatArrived)
 {
-    hal_msg_pkt_t d{};
-    // Every truncation: the fixed part must be there; the frame is cut to what arrived.
-    bytes full = golden_payload(300, 300);
-    for (std::size_t n = 0; n <= full.size(); ++n) {
-        auto *cut = new std::uint8_t[n ? n : 1];
-        std::memcpy(cut, full.data(), n);
-        bool ok = hal_msg_pkt_decode(bytes_view(cut, n), d);
-        if (n < HAL_PKT_OFF_DATA) {
-            EXPECT_FALSE(ok) << n;
-        } else {
-            ASSERT_TRUE(ok) << n;
-            EXPECT_EQ(d.len, std::min<std::size_t>(300, n - HAL_PKT_OFF_DATA)) << n;
+    bytes reg(HAL_MSG_REG_LEN);
+    ASSERT_TRUE(hal_msg_u32_build(reg, HAL_MSG_TYPE_REGISTER, 0, 1, 1027));
+    struct {
+        const char *what;
+        bytes whole;
+        std::size_t need;  // shortest acceptable
+        std::function<bool(bytes_view)> decode;
+    } rows[] = {
+        {"header", message(HAL_MSG_TYPE_PKT, 77, {}), HAL_MSG_HDR_LEN,
+         [](bytes_view b) {
+             hal_msg_hdr_t h{};
+             return hal_msg_hdr_decode(b, h) && h.nlmsg_len == 16 && h.nlmsg_type == HAL_MSG_TYPE_PKT &&
+                    h.nlmsg_seq == 77;
+         }},
+        {"u32 message", reg, HAL_MSG_REG_LEN,
+         [](bytes_view b) { std::uint32_t v = 0; return hal_msg_u32_decode(b, v) && v == 1027; }},
+        // The frame is cut to what arrived.
+        {"packet", golden_payload(300, 300), HAL_PKT_OFF_DATA, [](bytes_view b) {
+             hal_msg_pkt_t d{};
+             return hal_msg_pkt_decode(b, d) && d.len == std::min<std::size_t>(300, b.size() - HAL_PKT_OFF_DATA);
+         }},
+    };
+    for (auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        for (std::size_t n = 0; n <= row.whole.size(); ++n) {
+            bytes cut(row.whole.begin(), row.whole.begin() + long(n));
+            cut.shrink_to_fit();  // exact size: an over-read is caught by the sanitizer
+            EXPECT_EQ(row.decode(cut), n >= row.need) << n;
         }
-        delete[] cut;
     }
     // A claim beyond the 1600-byte data area stops at the area.
-    bytes big = golden_payload(2000, HAL_PKT_DATA_MAX + 2);
-    ASSERT_TRUE(hal_msg_pkt_decode(big, d));
+    hal_msg_pkt_t d{};
+    ASSERT_TRUE(hal_msg_pkt_decode(golden_payload(2000, HAL_PKT_DATA_MAX + 2), d));
     EXPECT_EQ(d.len, HAL_PKT_DATA_MAX);
-}
-
-TEST(HalMsg, EncodeRefusesWhatDoesNotFit)
-{
-    std::uint8_t frame[HAL_PKT_DATA_MAX + 1] = {};
-    hal_msg_pkt_t p{};
-    p.data = frame;
-    p.len = HAL_PKT_DATA_MAX + 1;
-    bytes out(HAL_MSG_PKT_LEN);
-    EXPECT_FALSE(hal_msg_pkt_encode(out, p));
-    p.len = 10;
-    bytes small(HAL_MSG_PKT_LEN - 1);
-    EXPECT_FALSE(hal_msg_pkt_encode(small, p));
-    bytes msg(HAL_PKT_MSG_LEN);
-    ASSERT_TRUE(hal_msg_pkt_build(msg, p, HAL_MSG_FLAG_REQUEST, 0, 3));
-    hal_msg_hdr_t h{};
-    ASSERT_TRUE(hal_msg_hdr_decode(msg, h));
-    EXPECT_EQ(h.nlmsg_len, std::uint32_t(HAL_PKT_MSG_LEN));
-    EXPECT_EQ(h.nlmsg_flags, HAL_MSG_FLAG_REQUEST);
-    EXPECT_EQ(h.nlmsg_pid, 3u);
 }
 
 TEST(ErrCode, TextsForCodesAndAFallback)
@@ -171,7 +163,11 @@ std::uint32_t record_msg(int type, std::uint8_t *buf, std::uint32_t len)
     return 0;
 }
 
-int noop(thread *) { return 0; }
+std::uint32_t ifindex_of(const delivered &d)
+{
+    hal_msg_pkt_t p{};
+    return d.type == HAL_MSG_TYPE_PKT && hal_msg_pkt_decode(d.payload, p) ? p.ifindex : ~0u;
+}
 
 class HalChannel : public ::testing::Test {
 protected:
@@ -189,9 +185,7 @@ protected:
         hal_close();
         thread_cancel(&tick_);
         thread_master_free(master_);
-        if (conn_ >= 0) close(conn_);
-        if (listen_ >= 0) close(listen_);
-        unlink(path_.c_str());
+        close_peer();
     }
     void listen_peer()
     {
@@ -203,7 +197,19 @@ protected:
         ASSERT_EQ(bind(listen_, reinterpret_cast<sockaddr *>(&sun), sizeof sun), 0);
         ASSERT_EQ(listen(listen_, 2), 0);
     }
-    // Accepts the module and checks its registration.
+    void close_peer()
+    {
+        for (int *fd : {&conn_, &listen_})
+            if (*fd >= 0) close(std::exchange(*fd, -1));
+        unlink(path_.c_str());
+    }
+    // Listens, starts the channel, accepts the module and checks its registration.
+    void connect_module()
+    {
+        listen_peer();
+        ASSERT_EQ(hal_init(HAL_DHCP, master_, record_msg), 0);
+        accept_registration();
+    }
     void accept_registration()
     {
         conn_ = accept(listen_, nullptr, nullptr);
@@ -212,11 +218,10 @@ protected:
         setsockopt(conn_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
         bytes m = peer_recv();
         hal_msg_hdr_t h{};
-        ASSERT_TRUE(hal_msg_hdr_decode(m, h));
+        std::uint32_t module = 0;
+        ASSERT_TRUE(hal_msg_hdr_decode(m, h) && hal_msg_u32_decode(m, module));
         EXPECT_EQ(h.nlmsg_type, HAL_MSG_TYPE_REGISTER);
         EXPECT_EQ(h.nlmsg_len, std::uint32_t(HAL_MSG_REG_LEN));
-        std::uint32_t module = 0;
-        ASSERT_TRUE(hal_msg_u32_decode(m, module));
         EXPECT_EQ(module, std::uint32_t(HAL_DHCP));
         bytes ack(HAL_MSG_REG_LEN);
         hal_msg_u32_build(ack, HAL_MSG_TYPE_REGISTER, 0, h.nlmsg_seq, 0);
@@ -226,11 +231,11 @@ protected:
     {
         bytes b(4096);
         ssize_t n = recv(conn_, b.data(), b.size(), 0);
-        b.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+        b.resize(n > 0 ? std::size_t(n) : 0);
         return b;
     }
     void peer_send(const bytes &b) { ASSERT_EQ(send(conn_, b.data(), b.size(), 0), ssize_t(b.size())); }
-    bytes pkt(std::uint32_t ifindex)
+    static bytes pkt(std::uint32_t ifindex)
     {
         bytes m(HAL_PKT_MSG_LEN);
         hal_msg_pkt_t p{};
@@ -238,12 +243,12 @@ protected:
         hal_msg_pkt_build(m, p, 0, 0, 0);
         return m;
     }
-    bool pump_until(const std::function<bool()> &done, int timeout_ms = 3000)
+    bool pump_until(const std::function<bool()> &done)
     {
-        auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+        auto end = std::chrono::steady_clock::now() + ms(3000);
         while (!done()) {
             if (std::chrono::steady_clock::now() > end) return false;
-            thread_add_timer_msec(master_, noop, nullptr, 10, &tick_);
+            thread_add_timer_msec(master_, [](thread *) { return 0; }, nullptr, 10, &tick_);
             thread fetch;
             if (thread_fetch(master_, &fetch)) thread_call(&fetch);
         }
@@ -256,63 +261,44 @@ protected:
     int listen_ = -1, conn_ = -1;
 };
 
-TEST_F(HalChannel, RegistersThenDeliversInOrderAndDropsMalformed)
+TEST_F(HalChannel, DeliversInOrderAndDropsMalformedDatagrams)
 {
-    listen_peer();
-    ASSERT_EQ(hal_init(HAL_DHCP, master_, record_msg), 0);
+    connect_module();
     EXPECT_TRUE(hal_is_connected());
-    accept_registration();
-
+    bytes lying = pkt(2), longer = pkt(2);
+    lying[0] ^= 0x01;
+    longer.push_back(0);
+    const bytes malformed[] = {
+        bytes(15, 0),                   // shorter than a header
+        lying,                          // nlmsg_len beyond the datagram
+        longer,                         // the datagram beyond nlmsg_len
+        message(7, 0, bytes(9000, 0)),  // consistent, but larger than any message taken
+    };
     peer_send(pkt(1));
-    peer_send(bytes(15, 0));                 // shorter than a header
-    bytes lying = pkt(2);
-    lying[0] ^= 0x01;                        // nlmsg_len disagrees with the datagram
-    peer_send(lying);
+    for (const bytes &m : malformed) peer_send(m);
     peer_send(pkt(3));
-    peer_send(message(7, 0, {0xaa, 0xbb})); // any other type goes to the callback too
+    peer_send(message(7, 0, {0xaa, 0xbb}));  // any other type goes to the callback too
 
     ASSERT_TRUE(pump_until([] { return g_got.size() >= 3; }));
     ASSERT_EQ(g_got.size(), 3u);
-    hal_msg_pkt_t d{};
-    ASSERT_TRUE(hal_msg_pkt_decode(g_got[0].payload, d));
-    EXPECT_EQ(d.ifindex, 1u);
-    ASSERT_TRUE(hal_msg_pkt_decode(g_got[1].payload, d));
-    EXPECT_EQ(d.ifindex, 3u);
+    EXPECT_EQ(ifindex_of(g_got[0]), 1u);
+    EXPECT_EQ(ifindex_of(g_got[1]), 3u);
     EXPECT_EQ(g_got[2].type, 7);
     EXPECT_EQ(g_got[2].payload, (bytes{0xaa, 0xbb}));
-    EXPECT_EQ(hal_get_stats().rx_bad, 2u);
+    EXPECT_EQ(hal_get_stats().rx_bad, std::size(malformed));
     EXPECT_EQ(hal_get_stats().rx_msgs, 3u);  // the registration answer is not counted
-}
-
-TEST_F(HalChannel, AsyncSendGoesOutWholeAndChecksItsLength)
-{
-    listen_peer();
-    hal_init(HAL_DHCP, master_, record_msg);
-    accept_registration();
-    bytes m = pkt(0x4a001000);
-    ASSERT_EQ(hal_send_async(m.data(), m.size()), 0);
-    EXPECT_EQ(peer_recv(), m);
-    EXPECT_EQ(hal_send_async(m.data(), m.size() - 1), TAVO_PARAM);
-    EXPECT_EQ(hal_send_async(m.data(), 10), TAVO_PARAM);
 }
 
 TEST_F(HalChannel, SyncSendMatchesSeqAndDeliversOthersAfterwardsInOrder)
 {
-    listen_peer();
-    hal_init(HAL_DHCP, master_, record_msg);
-    accept_registration();
-
+    connect_module();
     std::thread peer([&] {
-        bytes req = peer_recv();
+        bytes req = peer_recv(), stale(HAL_MSG_REG_LEN), answer(HAL_MSG_REG_LEN);
         hal_msg_hdr_t h{};
         hal_msg_hdr_decode(req, h);
-        bytes other = pkt(11), stale(HAL_MSG_REG_LEN), answer(HAL_MSG_REG_LEN);
         hal_msg_u32_build(stale, 9, 0, h.nlmsg_seq + 1, 1);  // someone else's reply
         hal_msg_u32_build(answer, 9, 0, h.nlmsg_seq, 1234);
-        peer_send(other);
-        peer_send(stale);
-        peer_send(answer);
-        peer_send(pkt(12));
+        for (const bytes &b : {pkt(11), stale, answer, pkt(12)}) peer_send(b);
     });
     bytes req(HAL_MSG_REG_LEN), reply(64);
     hal_msg_u32_build(req, 9, HAL_MSG_FLAG_REQUEST, 0, 5);  // seq 0: the channel picks one
@@ -324,33 +310,33 @@ TEST_F(HalChannel, SyncSendMatchesSeqAndDeliversOthersAfterwardsInOrder)
     hal_msg_hdr_decode(req, qh);
     EXPECT_NE(qh.nlmsg_seq, 0u);
     ASSERT_EQ(got, std::size_t(HAL_MSG_REG_LEN));
-    hal_msg_hdr_decode(bytes_view(reply.data(), got), rh);
-    EXPECT_EQ(rh.nlmsg_seq, qh.nlmsg_seq);
     std::uint32_t v = 0;
-    hal_msg_u32_decode(bytes_view(reply.data(), got), v);
+    ASSERT_TRUE(hal_msg_hdr_decode(bytes_view(reply.data(), got), rh) && hal_msg_u32_decode(reply, v));
+    EXPECT_EQ(rh.nlmsg_seq, qh.nlmsg_seq);
     EXPECT_EQ(v, 1234u);
 
     ASSERT_TRUE(pump_until([] { return g_got.size() >= 3; }));
-    hal_msg_pkt_t d{};
-    ASSERT_TRUE(hal_msg_pkt_decode(g_got[0].payload, d));
-    EXPECT_EQ(d.ifindex, 11u);
+    EXPECT_EQ(ifindex_of(g_got[0]), 11u);
     EXPECT_EQ(g_got[1].type, 9);
-    ASSERT_TRUE(hal_msg_pkt_decode(g_got[2].payload, d));
-    EXPECT_EQ(d.ifindex, 12u);
+    EXPECT_EQ(ifindex_of(g_got[2]), 12u);
 }
 
-TEST_F(HalChannel, SyncSendTimesOutAndFailsWhenDown)
+TEST_F(HalChannel, SendsCheckTheLengthTimeOutAndFailWhenDown)
 {
-    listen_peer();
-    hal_init(HAL_DHCP, master_, record_msg);
-    accept_registration();
+    connect_module();
+    bytes m = pkt(0x4a001000);
+    ASSERT_EQ(hal_send_async(m.data(), m.size()), 0);
+    EXPECT_EQ(peer_recv(), m);
+    EXPECT_EQ(hal_send_async(m.data(), m.size() - 1), TAVO_PARAM);
+    EXPECT_EQ(hal_send_async(m.data(), 10), TAVO_PARAM);
+
     bytes req(HAL_MSG_REG_LEN), reply(64);
     hal_msg_u32_build(req, 9, 0, 0, 0);
     auto t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(hal_send(req.data(), req.size(), reply.data(), reply.size(), nullptr), TAVO_TIMEOUT);
     auto waited = std::chrono::steady_clock::now() - t0;
-    EXPECT_GE(waited, std::chrono::milliseconds(900));
-    EXPECT_LT(waited, std::chrono::milliseconds(2000));
+    EXPECT_GE(waited, ms(900));
+    EXPECT_LT(waited, ms(2000));
     hal_close();
     EXPECT_EQ(hal_send(req.data(), req.size(), reply.data(), reply.size(), nullptr), TAVO_UNAVAIL);
     EXPECT_EQ(hal_send_async(req.data(), req.size()), TAVO_UNAVAIL);
@@ -365,12 +351,7 @@ TEST_F(HalChannel, ReconnectsAndRegistersAgainAfterPeerRestart)
     ASSERT_TRUE(pump_until([] { return hal_is_connected(); }));
     accept_registration();
 
-    // The peer goes away entirely.
-    close(conn_);
-    conn_ = -1;
-    close(listen_);
-    listen_ = -1;
-    unlink(path_.c_str());
+    close_peer();  // the peer goes away entirely
     ASSERT_TRUE(pump_until([] { return !hal_is_connected(); }));
     bytes m = pkt(1);
     EXPECT_EQ(hal_send_async(m.data(), m.size()), TAVO_UNAVAIL);
@@ -386,14 +367,12 @@ TEST_F(HalChannel, ReconnectsAndRegistersAgainAfterPeerRestart)
 
 TEST_F(HalChannel, OneRunStopsAtTheBudgetOnATenMessageBoundary)
 {
-    listen_peer();
-    hal_init(HAL_DHCP, master_, record_msg);
-    accept_registration();
+    connect_module();
     ASSERT_EQ(hal_recv(record_msg), 0);  // takes the registration answer
-    for (int i = 0; i < 40; ++i) peer_send(pkt(static_cast<std::uint32_t>(i)));
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    for (int i = 0; i < 40; ++i) peer_send(pkt(std::uint32_t(i)));
+    std::this_thread::sleep_for(ms(20));
     // 6 ms per message: ten of them pass the 50 ms budget.
-    g_on_msg = [] { std::this_thread::sleep_for(std::chrono::milliseconds(6)); };
+    g_on_msg = [] { std::this_thread::sleep_for(ms(6)); };
     ASSERT_EQ(hal_recv(record_msg), 0);
     EXPECT_EQ(g_got.size(), 10u);
     g_on_msg = nullptr;
