@@ -207,13 +207,15 @@ binding_of() {  # binding_of MAC: its row of the binding show (the MAC as aabb-c
 }
 no_binding_of() { [ -z "$(binding_of "$1")" ]; }
 
-# DHCP frames seen by the upstream host, kept in a pcap.
-capture_start() {
-  in_ns "$NS_UP" tcpdump -i eth0 --immediate-mode -U -n -w "$RUN/up.pcap" udp port 67 >/dev/null 2>&1 &
-  echo $! >"$RUN/tcpdump.pid"
-  wait_for 5 test -s "$RUN/up.pcap" || fail "tcpdump did not start"
+# DHCP frames seen by a host (default: the upstream host), kept in NAME.pcap.
+capture_start() {  # [NS] [NAME] [FILTER]
+  local ns=${1:-$NS_UP} name=${2:-up}
+  in_ns "$ns" tcpdump -i eth0 --immediate-mode -U -n -w "$RUN/$name.pcap" ${3:-udp port 67} >/dev/null 2>&1 &
+  echo $! >"$RUN/$name-tcpdump.pid"
+  wait_for 5 test -s "$RUN/$name.pcap" || fail "tcpdump did not start"
 }
-capture_stop() { sleep 0.3; stop_pid "$RUN/tcpdump.pid"; }  # TERM: a background job ignores INT
+capture_stop() { sleep 0.3; stop_pid "$RUN/${1:-up}-tcpdump.pid"; }  # TERM: a background job ignores INT
+frames_in() { tcpdump -r "$RUN/$1.pcap" -n 2>/dev/null | grep -c . || true; }
 # One line per request from a client (source port 68) the upstream host saw:
 # "<option 82 count>|<circuit-id>|<remote-id>".
 op82_of_requests() {
