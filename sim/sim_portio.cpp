@@ -53,13 +53,23 @@ bool link_up(const std::string &name)
 }
 
 // A switch port is not a host interface: keep the kernel's IPv6 off it.
-void quiet_ipv6(const std::string &name)
+void write_proc(const std::string &path, const char *value)
 {
-    std::string path = "/proc/sys/net/ipv6/conf/" + name + "/disable_ipv6";
     if (FILE *f = std::fopen(path.c_str(), "w")) {
-        std::fputs("1", f);
+        std::fputs(value, f);
         std::fclose(f);
     }
+}
+
+void quiet_ipv6(const std::string &name) { write_proc("/proc/sys/net/ipv6/conf/" + name + "/disable_ipv6", "1"); }
+
+// A switch port is no host interface: were the namespace's kernel to answer
+// ARP on it for a VLAN interface's address, routed traffic would bypass the
+// switch (and the DHCP trap) and reach the kernel straight from the port.
+void quiet_port(const std::string &name)
+{
+    quiet_ipv6(name);
+    write_proc("/proc/sys/net/ipv4/conf/" + name + "/arp_ignore", "8");
 }
 
 bool set_ipv4(const std::string &name, const std::string &cidr)
@@ -212,7 +222,7 @@ bool sim_portio::try_open(endpoint &e)
     // interface reports an error); one taken down later stays down (someone
     // pulled the cable on purpose).
     if (ifi != e.kernel_ifindex) {
-        quiet_ipv6(e.ifname);
+        quiet_port(e.ifname);
         if (!link_up(e.ifname)) zlog_err("oltsim: %s: cannot bring up: %s", e.ifname.c_str(), strerror(errno));
     }
     e.kernel_ifindex = ifi;
