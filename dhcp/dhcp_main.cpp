@@ -22,8 +22,10 @@
 #include "dhcp/dhcp_snoop.h"
 #include "dhcp/dhcp_snoop_vty.h"
 #include "dhcp/dhcp_vty.h"
+#include "dhcp/dhcpr_vty.h"
 #include "dhcp/dhcp_stats.h"
 #include "dhcp/dhcp_zebra.h"
+#include "dhcp/dhcpr.h"
 #include "lib/command.h"
 #include "lib/log.h"
 #include "lib/memory.h"
@@ -215,8 +217,12 @@ int main(int argc, char **argv)
 
     st_product_load(product_file);
 
+    dhcp_l3if_init();
+    dhcpr_init(master);
+    dhcp_rtnl_init(master);
     dhcp_vty_init();
     dhcp_debug_init();
+    dhcpr_vty_init();
     dhcp_snoop_vty_init();
     dhcp_snoop_init();
     dhcp_pkt_statistic_init();

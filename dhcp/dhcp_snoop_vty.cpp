@@ -850,7 +850,6 @@ int dhcp_snoop_node_config(vty *vty)
 cmd_node dhcp_snoop_node = {DHCP_SNOOP_NODE, "", 1};
 cmd_node dhcp_vlan_node = {VLAN_NODE, "%s(config-vlan)# ", 1};
 cmd_node dhcp_op82_profile_node = {DHCP_OP82_PROFILE_NODE, "%s(config-dhcp-profile)# ", 1};
-cmd_node dhcp_port_node = {IF_NODE, "%s(config-if)# ", 1};
 
 }  // namespace
 
@@ -859,8 +858,6 @@ void dhcp_snoop_vty_init()
     install_node(&dhcp_snoop_node, dhcp_snoop_node_config);
     install_node(&dhcp_vlan_node, dhcp_snoop_vlan_config);
     install_node(&dhcp_op82_profile_node, nullptr);
-    // The port node's writer until the interface commands write ports themselves.
-    install_node(&dhcp_port_node, dhcp_snoop_port_config_write);
     install_default(VLAN_NODE);
     install_default(DHCP_OP82_PROFILE_NODE);
 

@@ -11,6 +11,7 @@
 #include "devlib/uif.h"
 #include "devlib/uvlan.h"
 #include "dhcp/dhcp_client.h"
+#include "dhcp/dhcp_vty.h"
 #include "dhcp/dhcp_ipsg.h"
 #include "dhcp/dhcp_option82.h"
 #include "dhcp/dhcp_snoop.h"
@@ -28,6 +29,7 @@ protected:
         ASSERT_TRUE(hal_.start("snoopvty_" + std::to_string(getpid())));
         cmd_init(1);
         dev_vty_init();
+        dhcp_vty_init();  // the port node and its writer
         dhcp_snoop_vty_init();
         sort_node();
         ASSERT_EQ(cmd_verify_help(), 0);
