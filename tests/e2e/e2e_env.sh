@@ -128,7 +128,7 @@ printf '[product]\nslot = 1\nenterprise = 99999\nsys_mac = 02:00:5e:10:00:01\nho
   >"$RUN/product.ini"
 echo '!' >"$RUN/dhcp.conf"
 
-ports_open() { [ "$(oltctl_ show ports | grep -c 'io=open')" -eq 4 ]; }
+ports_open() { [ "$(oltctl_ show ports | grep -c "io=open")" -eq "$(grep -c "^linux = " "$RUN/topo.ini")" ]; }
 start_oltsim() {
   rm -f "$RUN/oltsim.ctl"
   in_ns "$NS_OLT" "$BUILD_DIR/sim/oltsim" -t "$RUN/topo.ini" --fp-socket "$RUN/fp.sock" \
