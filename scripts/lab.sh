@@ -5,12 +5,13 @@
 #
 #   lab.sh demo    build, bring the lab up, configure snooping, and show real
 #                  clients' leases, the bindings, option 82 at the server, IP
-#                  source guard and a release; tear down (the main job)
+#                  source guard and a release; then a lease through the
+#                  layer-3 relay; tear down (the main job)
 #   lab.sh up      bring it up and leave it running (then: lab.sh shell ...)
 #   lab.sh down    tear everything down (also after a failure)
 #   lab.sh shell ARGS...   dhcpsh on the lab's daemon
 #   lab.sh ctl ARGS...     oltctl on the lab's oltsim
-#   lab.sh exec NS CMD...  run a command in a lab namespace (olt, up, sub1, sub2)
+#   lab.sh exec NS CMD...  run a command in a lab namespace (olt, up, srv, sub1, sub2)
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -19,6 +20,7 @@ LAB=${LAB_NAME:-dhcplab}
 RUN=${LAB_RUN:-/run/$LAB}
 NS_OLT=$LAB-olt
 NS_UP=$LAB-up
+NS_SRV=$LAB-srv
 NS_SUBS=($LAB-sub1 $LAB-sub2)
 OLT_IFS=(lab-onu1 lab-onu2)
 
@@ -51,8 +53,8 @@ stop_pid() {
 }
 
 down() {
-  for p in udhcpc-sub1 dhclient-sub2 dhcpd dhcp oltsim; do stop_pid "$RUN/$p.pid"; done
-  for ns in "${NS_SUBS[@]}" "$NS_UP" "$NS_OLT"; do
+  for p in udhcpc-sub1 dhclient-sub2 dhcpd dnsmasq dhcp oltsim; do stop_pid "$RUN/$p.pid"; done
+  for ns in "${NS_SUBS[@]}" "$NS_SRV" "$NS_UP" "$NS_OLT"; do
     ip netns del "$ns" 2>/dev/null || true
   done
   rm -f "$RUN"/*.sock "$RUN"/*.vty "$RUN"/*.ctl
@@ -103,6 +105,12 @@ up() {
   ip link add lab-up0 netns "$NS_OLT" type veth peer name eth0 netns "$NS_UP"
   in_ns "$NS_UP" ip addr add 192.168.100.1/24 dev eth0
   in_ns "$NS_UP" ip link set eth0 up
+  ip netns add "$NS_SRV"
+  in_ns "$NS_SRV" ip link set lo up
+  ip link add lab-srv0 netns "$NS_OLT" type veth peer name eth0 netns "$NS_SRV"
+  in_ns "$NS_SRV" ip addr add 192.0.2.10/24 dev eth0
+  in_ns "$NS_SRV" ip link set eth0 up
+  in_ns "$NS_SRV" ip route add 10.100.0.0/24 via 192.0.2.1
   for i in 0 1; do
     ip netns add "${NS_SUBS[$i]}"
     in_ns "${NS_SUBS[$i]}" ip link set lo up
@@ -124,6 +132,13 @@ up() {
   touch "$RUN/dhcpd.leases"
   in_ns "$NS_UP" dhcpd -4 -q -cf "$ROOT/lab/dhcpd.conf" -lf "$RUN/dhcpd.leases" -pf "$RUN/dhcpd.pid" eth0 \
     </dev/null >>"$RUN/dhcpd.out" 2>&1 || die "dhcpd did not start; see $RUN/dhcpd.out"
+
+  say "routed DHCP server (dnsmasq) on 192.0.2.10, for the relay's subnet 10.100.0.0/24"
+  in_ns "$NS_SRV" dnsmasq --no-daemon --conf-file=/dev/null --port=0 --interface=eth0 --bind-interfaces --no-ping \
+    --dhcp-range=10.100.0.50,10.100.0.99,255.255.255.0,10m --dhcp-option=3,10.100.0.1 --log-dhcp \
+    </dev/null >>"$RUN/dnsmasq.out" 2>&1 &
+  echo $! >"$RUN/dnsmasq.pid"
+  wait_for 10 grep -q "DHCP, IP range" "$RUN/dnsmasq.out" || die "dnsmasq did not start; see $RUN/dnsmasq.out"
 }
 
 # One DHCP attempt of a real client in a subscriber namespace; 0 when it got a lease.
@@ -196,6 +211,14 @@ demo() {
   sleep 0.5
   transcript "show ip dhcp-snooping binding"
   oltctl_ show guard
+
+  say "layer-3 relay: vlanif100 relays VLAN 100 to the server on 192.0.2.10, reached through vlanif200"
+  transcript "configure terminal" "ip dhcp-relay" "interface vlanif100" " ip dhcp relay-agent" \
+    " ip dhcp relay-server-address 192.0.2.10" " exit" "interface ge1/1/2" " ip dhcp trust" " end"
+  client_dhclient
+  grep -E "DHCPOFFER|DHCPACK" "$RUN/dnsmasq.out" | tail -2
+  transcript "show ip dhcp-relay interface vlanif100"
+  transcript "show ip dhcp-snooping binding"
 
   trap - ERR
   say "done; tearing down (lab.sh up keeps it running)"
