@@ -100,3 +100,15 @@ capture_stop nak
 tcpdump -r "$RUN/nak.pcap" -vvn 2>/dev/null | grep -A12 "Reply, length 250" | grep -q "DHCP-Message (53), length 1: NACK" \
   || fail "no 250-byte NAK for an unknown client's REQUEST: $(tcpdump -r "$RUN/nak.pcap" -vvn 2>&1 | head -30)"
 pass "a REQUEST from an unknown client gets the NAK"
+
+# A relay address goes away between exchanges: the next DISCOVER uses what is left.
+in_ns "$NS_OLT" ip addr del 10.101.0.1/24 dev vlanif100
+relay_show() { dhcpsh_ -c "show ip dhcp-relay interface vlanif100"; }
+lost_second() { ! relay_show | grep -q "10.101.0.1"; }
+wait_for 5 lost_second || fail "the deleted address is still a relay address: $(relay_show)"
+capture_start "$NS_V200" srv1b
+discover_from "$NS_SUB2" 3 || fail "no lease after a relay address went away"
+capture_stop srv1b
+[ "$(requests_at srv1b | grep '^Discover' | sort -u)" = "Discover 10.100.0.1" ] \
+  || fail "DISCOVERs after the address loss: $(requests_at srv1b)"
+pass "a deleted interface address stops being a relay address; relaying goes on"
