@@ -84,7 +84,8 @@ void sim_switch::rx_port(std::uint32_t ifindex, bytes_view frame)
     if (fi.dhcp != DHCP_NONE) {
         auto vi = m_.vlanifs.find(c.vid);
         bool to_vlanif = vi != m_.vlanifs.end() && std::memcmp(fi.dst, vi->second.mac, 6) == 0;
-        if (traps_.on(fi.dhcp, c.vid) || to_vlanif) {
+        bool vlan_trap = traps_.on(fi.dhcp, c.vid);
+        if (vlan_trap || to_vlanif) {
             macs_.learn(c.vid, fi.src, bport, p->ifindex, now());
             hal_msg_pkt_t pk{};
             pk.ifindex = p->ifindex;
@@ -107,15 +108,22 @@ void sim_switch::rx_port(std::uint32_t ifindex, bytes_view frame)
             bytes_view out = tagged ? cpu.view() : frame;
             pk.len = static_cast<std::uint16_t>(out.size());
             pk.data = out.data();
-            p->cnt.rx_trapped++;
             if (io_.to_module && io_.to_module(pk, fi)) {
+                p->cnt.rx_trapped++;
                 stats_.trapped++;
-            } else if (worth_logging(++stats_.trap_undelivered)) {
-                zlog_err("oltsim: trapped DHCP frame from %s in VLAN %u not delivered, no module "
-                         "(%llu so far)", p->name.c_str(), c.vid,
-                         (unsigned long long)stats_.trap_undelivered);
+                return;
             }
-            return;
+            // Without a module, DHCP for a VLAN interface is routed traffic
+            // like any other (a relay in the kernel's namespace may want it);
+            // a trap the module asked for still holds the frame.
+            if (vlan_trap) {
+                p->cnt.rx_trapped++;
+                if (worth_logging(++stats_.trap_undelivered))
+                    zlog_err("oltsim: trapped DHCP frame from %s in VLAN %u not delivered, no module "
+                             "(%llu so far)", p->name.c_str(), c.vid,
+                             (unsigned long long)stats_.trap_undelivered);
+                return;
+            }
         }
     }
 
