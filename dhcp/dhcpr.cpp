@@ -342,6 +342,22 @@ int ipv6_dhcpr_interface_enable(interface *ifp)
     return 0;
 }
 
+// Disabling one family's relay drops that family's servers; the other's stay.
+static void delete_servers_of_family(dhcpr_t *d, bool v6, std::uint16_t vid, const char *name)
+{
+    for (auto it = d->server_list.begin(); it != d->server_list.end();) {
+        relay_server_info_t *s = *it;
+        if (v6 ? !is_ipv6(s->server_ip) : !is_ipv4(s->server_ip)) {
+            ++it;
+            continue;
+        }
+        DHCPR_EVENT_DEBUG("[EVENT][vid:%4d][Relay] disabled on %s delete server %s", vid, name,
+                          pfx_s(&s->server_ip).s);
+        it = d->server_list.erase(it);
+        XFREE(DHCP_SERVER, s);
+    }
+}
+
 int dhcpr_interface_disable(interface *ifp)
 {
     std::uint16_t vid = if_vid(ifp);
@@ -357,17 +373,7 @@ int dhcpr_interface_disable(interface *ifp)
     }
     if (dhcpr_t *d = info->info) {
         dhcpr_close_socket(d);
-        for (auto it = d->server_list.begin(); it != d->server_list.end();) {
-            relay_server_info_t *s = *it;
-            if (!is_ipv4(s->server_ip)) {
-                ++it;
-                continue;
-            }
-            DHCPR_EVENT_DEBUG("[EVENT][vid:%4d][Relay] disabled on %s delete server %s", vid, name,
-                              pfx_s(&s->server_ip).s);
-            it = d->server_list.erase(it);
-            XFREE(DHCP_SERVER, s);
-        }
+        delete_servers_of_family(d, false, vid, name);
     }
     info->v4_type = DHCP_IF_TYPE_NONE;
     dhcp_vlan_t *vlan = dhcp_vlan_info_get_by_vid(vid);
@@ -398,17 +404,7 @@ int ipv6_dhcpr_interface_disable(interface *ifp)
     }
     if (dhcpr_t *d = info->info) {
         dhcp6r_close_socket(d);
-        for (auto it = d->server_list.begin(); it != d->server_list.end();) {
-            relay_server_info_t *s = *it;
-            if (!is_ipv6(s->server_ip)) {
-                ++it;
-                continue;
-            }
-            DHCPR_EVENT_DEBUG("[EVENT][vid:%4d][Relay] disabled on %s delete server %s", vid, name,
-                              pfx_s(&s->server_ip).s);
-            it = d->server_list.erase(it);
-            XFREE(DHCP_SERVER, s);
-        }
+        delete_servers_of_family(d, true, vid, name);
     }
     info->v6_type = DHCP_IF_TYPE_NONE;
     if (info->v4_type != DHCP_IF_TYPE_RELAY) dhcpr_free(ifp, info);
