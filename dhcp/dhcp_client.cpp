@@ -87,10 +87,17 @@ session_index_t g_session_index;
 
 std::uint32_t (*g_clock)();
 
+// Formatted on first use: most of the lines it feeds are debug lines that
+// are not printed, and the learning path runs for every frame.
 struct mac_text {
-    char buf[16];
-    explicit mac_text(const std::uint8_t mac[6]) { tavo_mac2str(mac, buf); }
-    const char *c_str() const { return buf; }
+    const std::uint8_t *mac;
+    mutable char buf[16] = "";
+    explicit mac_text(const std::uint8_t m[6]) : mac(m) {}
+    const char *c_str() const
+    {
+        if (!buf[0]) tavo_mac2str(mac, buf);
+        return buf;
+    }
 };
 
 struct ip_text {
@@ -781,6 +788,7 @@ int dhcp_delete_client_by_vlan_mac(std::uint16_t vlan, const std::uint8_t mac[6]
 {
     if (!mac) return TAVO_PARAM;
     mac_text mtext(mac);
+    mtext.c_str();  // now: `mac` may live in a record deleted below
     DHCP_EVENT_DEBUG("[vid:%4d]dhcp snooping delete lease [%d][%s]", vlan, vlan, mtext.c_str());
     DHCP_EVENT_DEBUG("[vid:%4d]ip sourece guard delete lease [%d][%s]", vlan, vlan, mtext.c_str());
     dhcp_ipSource_delete_client(mac, vlan);

@@ -19,18 +19,22 @@ namespace {
 
 enum { DHCP_LEASE_TIME_DEFAULT = 864000 };
 
+// Texts for the packet-path debug lines, formatted only when those lines are
+// printed: the path runs for every frame, the lines rarely.
 struct mac_str {
-    char s[16];
+    char s[16] = "";
     explicit mac_str(const std::uint8_t *m)
     {
-        std::snprintf(s, sizeof s, "%02x%02x-%02x%02x-%02x%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
+        if (DHCP_DEBUG_ON(DHCP_DEBUG_PACKET))
+            std::snprintf(s, sizeof s, "%02x%02x-%02x%02x-%02x%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
     }
 };
 
 struct ip_str {
-    char s[INET_ADDRSTRLEN];
+    char s[INET_ADDRSTRLEN] = "";
     explicit ip_str(std::uint32_t nip)
     {
+        if (!DHCP_DEBUG_ON(DHCP_DEBUG_PACKET)) return;
         in_addr a;
         a.s_addr = nip;
         inet_ntop(AF_INET, &a, s, sizeof s);

@@ -91,8 +91,11 @@ void dhcp_send_l2_packet_to_server(const dhcp_l2_pkt_t *p, std::uint32_t src_ifi
         return;
     }
     for (uif_t *ifp = uif_first(); ifp; ifp = uif_next(ifp)) {
-        if (!ifp->status) continue;
         int type = st_ifindex_get_port_type(ifp->ifindex);
+        // Ports are walked in ifindex order, which is type order: past the
+        // trunks come only VLAN interfaces and the PON side, thousands of them.
+        if (type > PORT_TYPE_TRUNK) break;
+        if (!ifp->status) continue;
         if ((type == PORT_TYPE_GE || type == PORT_TYPE_XE) && ifp->trunk == 0) {
             DHCP_PKT_DEBUG("[vid:%4d]fwd packet to port %s", vid, ifp->name);
         } else if ((ifp->flags & UIF_FLAG_TRUNK_MEMBER_SKIP) || type == PORT_TYPE_TRUNK) {
@@ -117,9 +120,10 @@ void dhcp_send_l2_packet_to_server(const dhcp_l2_pkt_t *p, std::uint32_t src_ifi
 int dhcp_send_l2_packet_to_client(dhcp_l2_pkt_t *p, std::uint32_t src_ifindex)
 {
     int vid = p->l2fwd_info.rx_vlanid;
-    char client[16];
+    char client[16] = "";
     const std::uint8_t *c = p->dhcp_client_addr;
-    std::snprintf(client, sizeof client, "%02x%02x-%02x%02x-%02x%02x", c[0], c[1], c[2], c[3], c[4], c[5]);
+    if (DHCP_DEBUG_ON(DHCP_DEBUG_PACKET))
+        std::snprintf(client, sizeof client, "%02x%02x-%02x%02x-%02x%02x", c[0], c[1], c[2], c[3], c[4], c[5]);
     static const std::uint8_t bcast[6] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
     if (std::memcmp(p->eth_dst_mac, bcast, 6) == 0 && !dhcp_reply_is_multicast_keep() && p->raw_packet_len >= 6) {
         std::memcpy(p->raw_packet, p->dhcp_client_addr, 6);
