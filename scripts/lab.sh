@@ -55,6 +55,8 @@ stop_pid() {
 down() {
   for p in udhcpc-sub1 dhclient-sub2 dhcpd dnsmasq dhcp oltsim; do stop_pid "$RUN/$p.pid"; done
   for ns in "${NS_SUBS[@]}" "$NS_SRV" "$NS_UP" "$NS_OLT"; do
+    # Whatever the lab left running in its own namespaces (a client of a failed step).
+    for pid in $(ip netns pids "$ns" 2>/dev/null); do kill "$pid" 2>/dev/null || true; done
     ip netns del "$ns" 2>/dev/null || true
   done
   rm -f "$RUN"/*.sock "$RUN"/*.vty "$RUN"/*.ctl
@@ -68,7 +70,7 @@ build() {
 
 start_oltsim() {
   rm -f "$RUN/oltsim.ctl"
-  in_ns "$NS_OLT" "$BUILD/sim/oltsim" -t "$ROOT/lab/lab.ini" --fp-socket "$RUN/fp.sock" \
+  ip netns exec "$NS_OLT" "$BUILD/sim/oltsim" -t "$ROOT/lab/lab.ini" --fp-socket "$RUN/fp.sock" \
     --ctl-socket "$RUN/oltsim.ctl" --pid-file "$RUN/oltsim.pid" --log-file "$RUN/oltsim.log" \
     </dev/null >>"$RUN/oltsim.out" 2>&1 &
   wait_for 10 test -S "$RUN/oltsim.ctl" || die "oltsim did not start; see $RUN/oltsim.log"
@@ -134,7 +136,7 @@ up() {
     </dev/null >>"$RUN/dhcpd.out" 2>&1 || die "dhcpd did not start; see $RUN/dhcpd.out"
 
   say "routed DHCP server (dnsmasq) on 192.0.2.10, for the relay's subnet 10.100.0.0/24"
-  in_ns "$NS_SRV" dnsmasq --no-daemon --conf-file=/dev/null --port=0 --interface=eth0 --bind-interfaces --no-ping \
+  ip netns exec "$NS_SRV" dnsmasq --no-daemon --conf-file=/dev/null --port=0 --interface=eth0 --bind-interfaces --no-ping \
     --dhcp-range=10.100.0.50,10.100.0.99,255.255.255.0,10m --dhcp-option=3,10.100.0.1 --log-dhcp \
     </dev/null >>"$RUN/dnsmasq.out" 2>&1 &
   echo $! >"$RUN/dnsmasq.pid"

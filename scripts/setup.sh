@@ -11,7 +11,7 @@ PACKAGES=(
   # running and testing
   iproute2 procps psmisc util-linux iputils-ping tcpdump tcpreplay
   # real DHCP peers of the lab and the end-to-end tests
-  isc-dhcp-server isc-dhcp-client busybox dnsmasq-base
+  isc-dhcp-server isc-dhcp-client isc-dhcp-relay busybox dnsmasq-base
 )
 
 missing=()

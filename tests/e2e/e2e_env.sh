@@ -131,7 +131,7 @@ echo '!' >"$RUN/dhcp.conf"
 ports_open() { [ "$(oltctl_ show ports | grep -c "io=open")" -eq "$(grep -c "^linux = " "$RUN/topo.ini")" ]; }
 start_oltsim() {
   rm -f "$RUN/oltsim.ctl"
-  in_ns "$NS_OLT" "$BUILD_DIR/sim/oltsim" -t "$RUN/topo.ini" --fp-socket "$RUN/fp.sock" \
+  ip netns exec "$NS_OLT" "$BUILD_DIR/sim/oltsim" -t "$RUN/topo.ini" --fp-socket "$RUN/fp.sock" \
     --ctl-socket "$RUN/oltsim.ctl" --pid-file "$RUN/oltsim.pid" --log-file "$RUN/oltsim.log" \
     --devmgr-port $PORT --devmgr-async-port $((PORT + 1)) --client-port $((PORT + 2)) \
     </dev/null >>"$RUN/oltsim.out" 2>&1 &
@@ -210,7 +210,7 @@ no_binding_of() { [ -z "$(binding_of "$1")" ]; }
 # DHCP frames seen by a host (default: the upstream host), kept in NAME.pcap.
 capture_start() {  # [NS] [NAME] [FILTER]
   local ns=${1:-$NS_UP} name=${2:-up}
-  in_ns "$ns" tcpdump -i eth0 --immediate-mode -U -n -w "$RUN/$name.pcap" ${3:-udp port 67} >/dev/null 2>&1 &
+  ip netns exec "$ns" tcpdump -i eth0 --immediate-mode -U -n -w "$RUN/$name.pcap" ${3:-udp port 67} >/dev/null 2>&1 &
   echo $! >"$RUN/$name-tcpdump.pid"
   wait_for 5 test -s "$RUN/$name.pcap" || fail "tcpdump did not start"
 }

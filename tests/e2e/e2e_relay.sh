@@ -36,7 +36,7 @@ EOT
 touch "$RUN/relay-dhcpd.leases"
 in_ns "$NS_V200" dhcpd -4 -q -cf "$RUN/relay-dhcpd.conf" -lf "$RUN/relay-dhcpd.leases" -pf "$RUN/dhcpd.pid" eth0 \
   </dev/null >>"$RUN/dhcpd.out" 2>&1 || fail "dhcpd did not start"
-in_ns "$NS_SRV2" dnsmasq --no-daemon --conf-file=/dev/null --port=0 --interface=eth0 --bind-interfaces --no-ping \
+ip netns exec "$NS_SRV2" dnsmasq --no-daemon --conf-file=/dev/null --port=0 --interface=eth0 --bind-interfaces --no-ping \
   --dhcp-range=10.100.0.50,10.100.0.60,255.255.255.0,1h --dhcp-authoritative >"$RUN/dnsmasq.out" 2>&1 &
 echo $! >"$RUN/dnsmasq.pid"
 wait_for 5 grep -q "DHCP, IP range" "$RUN/dnsmasq.out" || fail "dnsmasq did not start: $(cat "$RUN/dnsmasq.out")"

@@ -10,7 +10,7 @@ start_dhcpd 10
 # switched and the rogue answers a subscriber; its OFFER is kept for later.
 in_ns "$NS_SUB2" ip addr add 10.99.0.1/24 dev eth0
 capture_start "$NS_SUB2" rogue "udp src port 67"
-in_ns "$NS_SUB2" dnsmasq --no-daemon --conf-file=/dev/null --port=0 --interface=eth0 --bind-interfaces \
+ip netns exec "$NS_SUB2" dnsmasq --no-daemon --conf-file=/dev/null --port=0 --interface=eth0 --bind-interfaces \
   --dhcp-range=10.99.0.50,10.99.0.60,1h --dhcp-authoritative --no-ping >"$RUN/dnsmasq.out" 2>&1 &
 echo $! >"$RUN/rogue.pid"
 wait_for 5 grep -q "DHCP, IP range" "$RUN/dnsmasq.out" || fail "dnsmasq did not start: $(cat "$RUN/dnsmasq.out")"
