@@ -170,7 +170,7 @@ EOF
 
 # Traffic from the hosts.
 discover_from() {  # one DISCOVER of busybox udhcpc from namespace $1; 0 on a lease
-  in_ns "$1" timeout 10 busybox udhcpc -i eth0 -f -q -n -t "${2:-1}" -T 1 -s /bin/true >/dev/null 2>&1
+  in_ns "$1" timeout $((${2:-1} * 2 + 5)) busybox udhcpc -i eth0 -f -q -n -t "${2:-1}" -T 1 -s /bin/true >/dev/null 2>&1
 }
 ping_from() {  # ping_from NS DEST [SOURCE]
   in_ns "$1" ping -c 1 -W 1 ${3:+-I "$3"} "$2" >/dev/null 2>&1
