@@ -29,12 +29,7 @@ constexpr std::uint16_t VID = 100;
 
 std::uint32_t ip(const char *s) { return inet_addr(s); }
 
-struct sent_udp {
-    int fd;
-    std::uint32_t to;
-    std::uint16_t port;
-    bytes msg;
-};
+struct sent_udp { int fd; std::uint32_t to; std::uint16_t port; bytes msg; };
 std::vector<sent_udp> g_udp;
 
 ssize_t capture(int fd, const std::uint8_t *m, std::size_t len, const sockaddr_in *to)
@@ -44,17 +39,16 @@ ssize_t capture(int fd, const std::uint8_t *m, std::size_t len, const sockaddr_i
 }
 
 struct msg_spec {
-    int op;
-    int type;
-    std::uint32_t xid = 0x1234;
-    std::uint32_t yiaddr = 0;
-    std::uint32_t giaddr = 0;
-    std::uint32_t ciaddr = 0;
-    std::uint32_t ip_src = 0;
-    std::uint32_t ip_dst = 0xffffffffu;
+    int op, type;
+    std::uint32_t xid = 0x1234, yiaddr = 0, giaddr = 0, ciaddr = 0, ip_src = 0, ip_dst = 0xffffffffu;
     std::uint32_t server_id = 0;  // option 54 when non-zero
     std::uint8_t hops = 0;
 };
+
+// Addresses are in network order already.
+void put_ip(bytes &f, std::size_t off, std::uint32_t v) { std::memcpy(&f[off], &v, 4); }
+
+std::uint32_t at32(const bytes &m, std::size_t off) { std::uint32_t v = 0; std::memcpy(&v, &m[off], 4); return v; }
 
 // Untagged Ethernet, IPv4, UDP, BOOTP with option 53 (and 54).
 bytes frame(const msg_spec &s)
@@ -66,37 +60,30 @@ bytes frame(const msg_spec &s)
     f[14] = 0x45;
     f[22] = 64;
     f[23] = 17;
-    std::memcpy(&f[26], &s.ip_src, 4);
-    std::memcpy(&f[30], &s.ip_dst, 4);
+    put_ip(f, 26, s.ip_src);
+    put_ip(f, 30, s.ip_dst);
     put_be16_at(f, 34, s.op == BOOTREQUEST ? 68 : 67);
     put_be16_at(f, 36, s.op == BOOTREQUEST ? 67 : 68);
-    f[MSG_OFF + DHCP_OFF_OP] = std::uint8_t(s.op);
-    f[MSG_OFF + DHCP_OFF_HTYPE] = 1;
-    f[MSG_OFF + DHCP_OFF_HLEN] = 6;
-    f[MSG_OFF + DHCP_OFF_HOPS] = s.hops;
-    put_be32_at(f, MSG_OFF + DHCP_OFF_XID, s.xid);
-    std::memcpy(&f[MSG_OFF + DHCP_OFF_CIADDR], &s.ciaddr, 4);
-    std::memcpy(&f[MSG_OFF + DHCP_OFF_YIADDR], &s.yiaddr, 4);
-    std::memcpy(&f[MSG_OFF + DHCP_OFF_GIADDR], &s.giaddr, 4);
-    std::memcpy(&f[MSG_OFF + DHCP_OFF_CHADDR], CLIENT, 6);
-    put_be32_at(f, MSG_OFF + DHCP_OFF_COOKIE, DHCP_MAGIC);
-    f.push_back(53), f.push_back(1), f.push_back(std::uint8_t(s.type));
+    const std::size_t m = MSG_OFF;
+    f[m + DHCP_OFF_OP] = std::uint8_t(s.op);
+    f[m + DHCP_OFF_HTYPE] = 1;
+    f[m + DHCP_OFF_HLEN] = 6;
+    f[m + DHCP_OFF_HOPS] = s.hops;
+    put_be32_at(f, m + DHCP_OFF_XID, s.xid);
+    put_ip(f, m + DHCP_OFF_CIADDR, s.ciaddr);
+    put_ip(f, m + DHCP_OFF_YIADDR, s.yiaddr);
+    put_ip(f, m + DHCP_OFF_GIADDR, s.giaddr);
+    std::memcpy(&f[m + DHCP_OFF_CHADDR], CLIENT, 6);
+    put_be32_at(f, m + DHCP_OFF_COOKIE, DHCP_MAGIC);
+    f.insert(f.end(), {53, 1, std::uint8_t(s.type)});
     if (s.server_id) {
-        f.push_back(54), f.push_back(4);
-        f.resize(f.size() + 4);
-        std::memcpy(&f[f.size() - 4], &s.server_id, 4);
+        f.insert(f.end(), {54, 4, 0, 0, 0, 0});
+        put_ip(f, f.size() - 4, s.server_id);
     }
     f.push_back(255);
     put_be16_at(f, 16, std::uint16_t(f.size() - 14));
     put_be16_at(f, 38, std::uint16_t(f.size() - 34));
     return f;
-}
-
-std::uint32_t at32(const bytes &m, std::size_t off)
-{
-    std::uint32_t v = 0;
-    std::memcpy(&v, &m[off], 4);
-    return v;
 }
 
 class RelayFwd : public ::testing::Test {
@@ -122,8 +109,13 @@ protected:
         ifp_ = if_get_by_name("vlanif100");
         ASSERT_NE(ifp_, nullptr);
         ASSERT_EQ(dhcp_if_init(ifp_), 0);
-        addr("10.0.0.1", 24);
-        addr("10.1.0.1", 16);
+        for (auto [a, len] : {std::pair{"10.0.0.1", 24}, std::pair{"10.1.0.1", 16}}) {
+            prefix p{};
+            p.family = AF_INET;
+            p.prefixlen = std::uint8_t(len);
+            p.u.prefix4.s_addr = ip(a);
+            dhcp_interface_address_add(ifp_, &p);
+        }
         ASSERT_EQ(dhcpr_interface_enable(ifp_), 0);
         d_ = dhcpr_info_get_by_interface(ifp_);
         ASSERT_NE(d_, nullptr);
@@ -149,15 +141,6 @@ protected:
         dhcp_vlan_free(vlan_get_entry(VID));
         uvlan_clear();
         uif_clear();
-        dhcp_relay_enable_set(0);
-    }
-    void addr(const char *a, int len)
-    {
-        prefix p{};
-        p.family = AF_INET;
-        p.prefixlen = std::uint8_t(len);
-        p.u.prefix4.s_addr = ip(a);
-        dhcp_interface_address_add(ifp_, &p);
     }
     uif_t *port(std::uint32_t ifindex)
     {
@@ -171,17 +154,31 @@ protected:
     }
     int rx(uif_t *pif, const msg_spec &s)
     {
-        bytes f = frame(s);
-        buf_ = f;
-        buf_.resize(1600, 0);
+        buf_ = frame(s);
         pkt_ = {};
+        pkt_.raw_packet_len = std::uint16_t(buf_.size());
+        buf_.resize(1600, 0);
         pkt_.raw_packet = buf_.data();
-        pkt_.raw_packet_len = std::uint16_t(f.size());
         pkt_.raw_buf_len = 1600;
         pkt_.l2fwd_info.rx_ifindex = pif->ifindex;
         pkt_.l2fwd_info.rx_vlanid = VID;
         EXPECT_EQ(dhcp_parse_l2_pkt(&pkt_), 0);
         return dhcp_l3relay_proc_dhcpv4_packet(pif, &pkt_);
+    }
+    int request(int type, std::uint32_t xid = 0x1234, std::uint32_t ciaddr = 0)
+    {
+        msg_spec s{BOOTREQUEST, type, xid};
+        s.ciaddr = ciaddr;
+        return rx(onu_, s);
+    }
+    // A server's reply through relay address `giaddr`.
+    int reply(int type, std::uint32_t yiaddr, std::uint32_t giaddr, std::uint32_t server, std::uint32_t xid = 0x1234)
+    {
+        msg_spec s{BOOTREPLY, type, xid, yiaddr, giaddr};
+        s.ip_src = server;
+        s.ip_dst = giaddr;
+        s.server_id = server;
+        return rx(up_, s);
     }
     // Frames handed to the forwarding plane since the last call, as bytes.
     std::vector<std::pair<hal_msg_pkt_t, bytes>> sent(std::size_t expect)
@@ -198,17 +195,11 @@ protected:
         }
         return out;
     }
-    // A DISCOVER then the OFFER of `server` through `relay`.
+    // A DISCOVER, then the OFFER of `server` through `relay` delivered to the client.
     void discover_and_offer(std::uint32_t relay, std::uint32_t server, std::uint32_t offered)
     {
-        ASSERT_EQ(rx(onu_, {BOOTREQUEST, DHCPDISCOVER}), 0);
-        msg_spec offer{BOOTREPLY, DHCPOFFER};
-        offer.yiaddr = offered;
-        offer.giaddr = relay;
-        offer.ip_src = server;
-        offer.ip_dst = relay;
-        offer.server_id = server;
-        ASSERT_EQ(rx(up_, offer), 0);
+        ASSERT_EQ(request(DHCPDISCOVER), 0);
+        ASSERT_EQ(reply(DHCPOFFER, offered, relay, server), 0);
         g_udp.clear();
     }
 
@@ -220,6 +211,9 @@ protected:
     bytes buf_;
     dhcp_l2_pkt_t pkt_{};
 };
+
+// Offsets in a frame to the client: tagged Ethernet, IPv4, UDP, message.
+constexpr std::size_t IP_SRC = 18 + 12, IP_DST = 18 + 16, MSG = 18 + 28;
 
 TEST_F(RelayFwd, DiscoverGoesToEveryServerThroughEveryRelayAddress)
 {
@@ -249,10 +243,9 @@ TEST_F(RelayFwd, DiscoverGoesToEveryServerThroughEveryRelayAddress)
     EXPECT_EQ(c->statis_server.dhcp_tx_discovery, 4u);
     EXPECT_EQ(c->statis_client.dhcp_rx_discovery, 1u);
 
-    // A retransmission with the same xid keeps the list as it is.
+    // A retransmission with the same xid keeps the list; a new xid starts over.
     ASSERT_EQ(rx(onu_, s), 0);
     EXPECT_EQ(dhcpr_offer_info_count(c), 4u);
-    // A new xid starts over.
     s.xid = 0x5678;
     ASSERT_EQ(rx(onu_, s), 0);
     EXPECT_EQ(dhcpr_offer_info_count(c), 4u);
@@ -266,113 +259,97 @@ TEST_F(RelayFwd, AfterAnOfferTheClientTalksToThatServerOnly)
     auto frames = sent(1);
     ASSERT_EQ(frames.size(), 1u);
     const bytes &f = frames[0].second;
-    ASSERT_GE(f.size(), 18u + 20 + 8 + DHCP_FIXED_HDR_LEN);
+    ASSERT_GE(f.size(), MSG + DHCP_FIXED_HDR_LEN);
     EXPECT_EQ(frames[0].first.fwd_info.vid, VID);
     EXPECT_EQ(frames[0].first.ifindex, onu_->ifindex) << "to the client's port";
-    const std::size_t ip_off = 18, m = 18 + 28;
-    EXPECT_EQ(at32(f, ip_off + 12), ip("10.1.0.1")) << "source: relay address of yiaddr's prefix";
-    EXPECT_EQ(at32(f, ip_off + 16), ip("10.1.3.7")) << "destination: yiaddr";
-    EXPECT_EQ(at32(f, m + DHCP_OFF_SIADDR), ip("10.1.0.1"));
-    EXPECT_EQ(at32(f, m + DHCP_OFF_GIADDR), ip("10.1.0.1"));
     EXPECT_EQ(0, std::memcmp(&f[0], CLIENT, 6)) << "to the client's MAC";
+    EXPECT_EQ(at32(f, MSG + DHCP_OFF_SIADDR), ip("10.1.0.1")) << "the relay address of yiaddr's prefix";
+    EXPECT_EQ(at32(f, MSG + DHCP_OFF_GIADDR), ip("10.1.0.1"));
 
     relay_ip_info_t *r = dhcpr_find_relay_ip_info_by_ipv4(d_, ip("10.1.0.1"));
     EXPECT_EQ(r->rx_offer, 1u);
     EXPECT_EQ(r->cnt_xid_offer_match, 1u);
     EXPECT_EQ(dhcpr_find_server_info_by_ipv4(d_, ip("192.0.2.20"))->rx_offer, 1u);
 
-    msg_spec req{BOOTREQUEST, DHCPREQUEST};
-    ASSERT_EQ(rx(onu_, req), 0);
-    ASSERT_EQ(g_udp.size(), 1u);
-    EXPECT_EQ(g_udp[0].to, ip("192.0.2.20"));
-    EXPECT_EQ(at32(g_udp[0].msg, DHCP_OFF_GIADDR), ip("10.1.0.1"));
+    for (int type : {DHCPREQUEST, DHCPRELEASE}) {
+        SCOPED_TRACE(dhcp_msg_type_str(type));
+        g_udp.clear();
+        ASSERT_EQ(request(type), 0);
+        ASSERT_EQ(g_udp.size(), 1u);
+        EXPECT_EQ(g_udp[0].to, ip("192.0.2.20"));
+        EXPECT_EQ(at32(g_udp[0].msg, DHCP_OFF_GIADDR), ip("10.1.0.1"));
+    }
+}
 
-    // The ACK goes to the client and into IP source guard's table.
-    msg_spec ack{BOOTREPLY, DHCPACK};
-    ack.yiaddr = ip("10.1.3.7");
-    ack.giaddr = ip("10.1.0.1");
-    ack.ip_src = ip("192.0.2.20");
-    ack.server_id = ip("192.0.2.20");
-    ASSERT_EQ(rx(up_, ack), 0);
-    EXPECT_EQ(sent(1).size(), 1u);
-    EXPECT_EQ(dhcp_lookup_client_lease_info(CLIENT, VID)->ip_addr, ip("10.1.3.7"));
-
-    // A RELEASE goes to the same server and ends the record.
+// The REQUEST follows the offer list, not the client: the first entry (in
+// server, then relay-address order) that holds an offer gets it, whichever
+// server the client names in option 54.
+TEST_F(RelayFwd, RequestGoesToTheFirstServerThatOfferedNotTheOneTheClientChose)
+{
+    ASSERT_EQ(request(DHCPDISCOVER), 0);
+    ASSERT_EQ(reply(DHCPOFFER, ip("10.1.3.7"), ip("10.1.0.1"), ip("192.0.2.20")), 0);
+    ASSERT_EQ(reply(DHCPOFFER, ip("10.0.0.50"), ip("10.0.0.1"), ip("192.0.2.10")), 0);
     g_udp.clear();
-    ASSERT_EQ(rx(onu_, {BOOTREQUEST, DHCPRELEASE}), 0);
+    msg_spec s{BOOTREQUEST, DHCPREQUEST};
+    s.server_id = ip("192.0.2.20");
+    ASSERT_EQ(rx(onu_, s), 0);
     ASSERT_EQ(g_udp.size(), 1u);
-    EXPECT_EQ(g_udp[0].to, ip("192.0.2.20"));
-    EXPECT_EQ(dhcp_lookup_client_lease_info(CLIENT, VID), nullptr);
+    EXPECT_EQ(g_udp[0].to, ip("192.0.2.10"));
+    EXPECT_EQ(at32(g_udp[0].msg, DHCP_OFF_GIADDR), ip("10.0.0.1"));
 }
 
 TEST_F(RelayFwd, RequestWithoutAnyOfferIsNotRelayed)
 {
-    ASSERT_EQ(rx(onu_, {BOOTREQUEST, DHCPDISCOVER}), 0);
+    ASSERT_EQ(request(DHCPDISCOVER), 0);
     g_udp.clear();
-    for (int type : {DHCPREQUEST, DHCPDECLINE, DHCPINFORM}) {
-        ASSERT_EQ(rx(onu_, {BOOTREQUEST, type}), 0);
-        EXPECT_TRUE(g_udp.empty()) << dhcp_msg_type_str(type);
-    }
+    for (int type : {DHCPREQUEST, DHCPDECLINE, DHCPINFORM}) EXPECT_EQ(request(type), 0);
+    EXPECT_TRUE(g_udp.empty());
 }
 
 TEST_F(RelayFwd, RequestFromUnknownClientGetsA250ByteNak)
 {
-    msg_spec req{BOOTREQUEST, DHCPREQUEST};
-    ASSERT_EQ(rx(onu_, req), 0);
+    ASSERT_EQ(request(DHCPREQUEST), 0);
     EXPECT_TRUE(g_udp.empty()) << "not relayed";
     auto frames = sent(1);
     ASSERT_EQ(frames.size(), 1u);
     const bytes &f = frames[0].second;
-    const std::size_t m = 18 + 28;
-    ASSERT_EQ(f.size(), m + DHCPR_NAK_LEN);
-    EXPECT_EQ(at32(f, 18 + 16), 0xffffffffu) << "no requested address: broadcast";
-    EXPECT_EQ(f[m + DHCP_OFF_OP], BOOTREPLY);
-    EXPECT_EQ(at32(f, m + DHCP_OFF_XID), htonl(0x1234));
-    EXPECT_EQ(at32(f, m + DHCP_OFF_SIADDR), 0u);
-    const std::uint8_t opts[] = {54, 4, 10, 0, 0, 1, 53, 1, 6, 255};
-    EXPECT_EQ(0, std::memcmp(&f[m + DHCP_OFF_OPTIONS], opts, sizeof opts));
+    ASSERT_EQ(f.size(), MSG + DHCPR_NAK_LEN);
     EXPECT_EQ(frames[0].first.ifindex, onu_->ifindex) << "back out of the receiving port";
+    EXPECT_EQ(at32(f, IP_DST), 0xffffffffu) << "no requested address: broadcast";
+    EXPECT_EQ(f[MSG + DHCP_OFF_OP], BOOTREPLY);
+    EXPECT_EQ(at32(f, MSG + DHCP_OFF_XID), htonl(0x1234));
+    EXPECT_EQ(at32(f, MSG + DHCP_OFF_SIADDR), 0u);
+    const std::uint8_t opts[] = {54, 4, 10, 0, 0, 1, 53, 1, 6, 255};
+    EXPECT_EQ(0, std::memcmp(&f[MSG + DHCP_OFF_OPTIONS], opts, sizeof opts));
 }
 
-TEST_F(RelayFwd, NewXidWithoutCiaddrClearsOffersAndNaks)
+TEST_F(RelayFwd, RequestUnderANewXid)
 {
-    discover_and_offer(ip("10.0.0.1"), ip("192.0.2.10"), ip("10.0.0.50"));
-    sent(1);
-    msg_spec req{BOOTREQUEST, DHCPREQUEST};
-    req.xid = 0x9999;
-    ASSERT_EQ(rx(onu_, req), 0);
-    EXPECT_TRUE(g_udp.empty());
-    EXPECT_EQ(sent(1).size(), 1u) << "the NAK";
-    EXPECT_EQ(dhcpr_offer_info_count(dhcp_lookup_client_lease_info(CLIENT, VID)), 0u);
-}
-
-TEST_F(RelayFwd, RenewingClientKeepsItsServerUnderTheNewXid)
-{
-    discover_and_offer(ip("10.0.0.1"), ip("192.0.2.10"), ip("10.0.0.50"));
-    sent(1);
-    msg_spec req{BOOTREQUEST, DHCPREQUEST};
-    ASSERT_EQ(rx(onu_, req), 0);  // ciaddr now remembered as 0; renew below
-    g_udp.clear();
-    dhcp_lookup_client_lease_info(CLIENT, VID)->ciaddr = ip("10.0.0.50");
-    req.xid = 0xabcd;
-    req.ciaddr = ip("10.0.0.50");
-    ASSERT_EQ(rx(onu_, req), 0);
-    ASSERT_EQ(g_udp.size(), 1u);
-    EXPECT_EQ(g_udp[0].to, ip("192.0.2.10"));
-    EXPECT_TRUE(sent(0).empty()) << "no NAK";
-}
-
-TEST_F(RelayFwd, ReplyWithAnotherXidIsDroppedAndCounted)
-{
-    ASSERT_EQ(rx(onu_, {BOOTREQUEST, DHCPDISCOVER}), 0);
-    msg_spec offer{BOOTREPLY, DHCPOFFER};
-    offer.xid = 0x4321;
-    offer.yiaddr = ip("10.0.0.50");
-    offer.giaddr = ip("10.0.0.1");
-    offer.ip_src = ip("192.0.2.10");
-    EXPECT_EQ(rx(up_, offer), TAVO_ERR);
-    EXPECT_TRUE(sent(0).empty());
-    EXPECT_EQ(dhcp_lookup_client_lease_info(CLIENT, VID)->statis_server.dhcp_drop_xid_mismatch, 1u);
+    // Without ciaddr the offers are gone and the client gets the NAK; a
+    // renewing client (ciaddr as remembered) keeps its server and its offers.
+    struct row {
+        const char *what;
+        std::uint32_t ciaddr;
+        std::uint32_t relayed_to;  // 0: not relayed
+        std::size_t naks, offers_left;
+    } rows[] = {
+        {"no ciaddr", 0, 0, 1, 0},
+        {"renewing", ip("10.0.0.50"), ip("192.0.2.10"), 0, 4},
+    };
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.what);
+        discover_and_offer(ip("10.0.0.1"), ip("192.0.2.10"), ip("10.0.0.50"));
+        sent(1);
+        dhcp_client_info_t *c = dhcp_lookup_client_lease_info(CLIENT, VID);
+        c->ciaddr = r.ciaddr;
+        ASSERT_EQ(request(DHCPREQUEST, 0x9999, r.ciaddr), 0);
+        ASSERT_EQ(g_udp.size(), r.relayed_to ? 1u : 0u);
+        for (const sent_udp &u : g_udp) EXPECT_EQ(u.to, r.relayed_to);
+        EXPECT_EQ(sent(r.naks).size(), r.naks);
+        EXPECT_EQ(dhcpr_offer_info_count(c), r.offers_left);
+        for (dhcp_relay_offer_info_t *e : *c->offer_info_list) EXPECT_EQ(e->xid, htonl(0x9999));
+        dhcp_delete_client_by_vlan_mac(VID, CLIENT);
+    }
 }
 
 TEST_F(RelayFwd, ReplyDestinationAndSourceChoice)
@@ -390,32 +367,31 @@ TEST_F(RelayFwd, ReplyDestinationAndSourceChoice)
     };
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
-        ASSERT_EQ(rx(onu_, {BOOTREQUEST, DHCPDISCOVER}), 0);
+        ASSERT_EQ(request(DHCPDISCOVER), 0);
         dhcp_client_info_t *c = dhcp_lookup_client_lease_info(CLIENT, VID);
         c->op50_request_ip = r.op50;
         c->req_ip_addr = r.req_ip;
-        msg_spec nak{BOOTREPLY, r.yiaddr ? DHCPOFFER : DHCPNAK};
-        nak.yiaddr = r.yiaddr;
-        nak.giaddr = ip("10.0.0.1");
-        nak.ip_src = ip("192.0.2.10");
-        ASSERT_EQ(rx(up_, nak), 0);
+        ASSERT_EQ(reply(r.yiaddr ? DHCPOFFER : DHCPNAK, r.yiaddr, ip("10.0.0.1"), ip("192.0.2.10")), 0);
         auto frames = sent(1);
         ASSERT_EQ(frames.size(), 1u);
-        EXPECT_EQ(at32(frames[0].second, 18 + 16), r.want_dst);
-        EXPECT_EQ(at32(frames[0].second, 18 + 12), r.want_src);
+        EXPECT_EQ(at32(frames[0].second, IP_DST), r.want_dst);
+        EXPECT_EQ(at32(frames[0].second, IP_SRC), r.want_src);
         dhcp_delete_client_by_vlan_mac(VID, CLIENT);
     }
 }
 
 TEST_F(RelayFwd, DispatchRefusals)
 {
-    // A reply whose giaddr no relay interface owns.
-    msg_spec stray{BOOTREPLY, DHCPOFFER};
-    stray.giaddr = ip("10.9.9.9");
-    EXPECT_EQ(rx(up_, stray), TAVO_ERR);
+    // A reply under another xid, and one whose giaddr no relay interface owns.
+    ASSERT_EQ(request(DHCPDISCOVER), 0);
+    g_udp.clear();
+    EXPECT_EQ(reply(DHCPOFFER, ip("10.0.0.50"), ip("10.0.0.1"), ip("192.0.2.10"), 0x4321), TAVO_ERR);
+    EXPECT_EQ(dhcp_lookup_client_lease_info(CLIENT, VID)->statis_server.dhcp_drop_xid_mismatch, 1u);
+    EXPECT_EQ(reply(DHCPOFFER, 0, ip("10.9.9.9"), 0), TAVO_ERR);
+    EXPECT_TRUE(sent(0).empty());
     // Relay off on the interface: requests refused.
     ASSERT_EQ(dhcpr_interface_disable(ifp_), 0);
-    EXPECT_EQ(rx(onu_, {BOOTREQUEST, DHCPDISCOVER}), TAVO_PORT);
+    EXPECT_EQ(request(DHCPDISCOVER), TAVO_PORT);
     EXPECT_TRUE(g_udp.empty());
     // Server messages other than client requests never go to a server.
     EXPECT_EQ(dhcpr_interface_enable(ifp_), 0);

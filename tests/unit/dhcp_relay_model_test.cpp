@@ -1,6 +1,6 @@
 // Relay records: enable/disable with the interface count, servers, relay
-// addresses learned from interface addresses, the same-prefix choice, the
-// per-client offer list and the global switch's cascade.
+// addresses learned from interface addresses, the same-prefix choice and the
+// per-client offer list.
 #include <gtest/gtest.h>
 #include <arpa/inet.h>
 #include <cstring>
@@ -16,21 +16,12 @@ namespace {
 
 std::uint32_t ip(const char *s) { return inet_addr(s); }
 
-prefix v4(const char *a, int len)
+prefix pfx(const char *a, int len)
 {
     prefix p{};
-    p.family = AF_INET;
+    p.family = std::strchr(a, ':') ? AF_INET6 : AF_INET;
     p.prefixlen = std::uint8_t(len);
-    p.u.prefix4.s_addr = ip(a);
-    return p;
-}
-
-prefix v6(const char *a, int len)
-{
-    prefix p{};
-    p.family = AF_INET6;
-    p.prefixlen = std::uint8_t(len);
-    inet_pton(AF_INET6, a, &p.u.prefix6);
+    inet_pton(p.family, a, p.family == AF_INET ? static_cast<void *>(&p.u.prefix4) : &p.u.prefix6);
     return p;
 }
 
@@ -56,6 +47,11 @@ protected:
         uvlan_clear();
     }
     dhcpr_t *relay() { return dhcpr_info_get_by_interface(ifp_); }
+    void enable()
+    {
+        ASSERT_EQ(dhcp_if_init(ifp_), 0);
+        ASSERT_EQ(dhcpr_interface_enable(ifp_), 0);
+    }
     interface *ifp_ = nullptr;
 };
 
@@ -69,7 +65,6 @@ TEST_F(RelayModel, EnableNeedsTheDhcpRecordAndCountsOnce)
     ASSERT_EQ(dhcpr_interface_enable(ifp_), 0);
     EXPECT_EQ(g_dhcpr_vlanif_count, 1u);
     EXPECT_EQ(dhcp_vlan_info_get_by_vid(200)->relay_enable, 1);
-    EXPECT_EQ(dhcpr_relay_is_enable_on_interface(ifp_), 1);
     EXPECT_EQ(dhcpr_relay_is_enable_by_ifname("vlanif200"), 1);
 
     // The layer-2 path's view of the same interface.
@@ -88,15 +83,11 @@ TEST_F(RelayModel, EnableNeedsTheDhcpRecordAndCountsOnce)
 
 TEST_F(RelayModel, ServersAreUniqueAndIpv6ServersSurviveV4Disable)
 {
-    ASSERT_EQ(dhcp_if_init(ifp_), 0);
-    ASSERT_EQ(dhcpr_interface_enable(ifp_), 0);
+    enable();
     ASSERT_EQ(ipv6_dhcpr_interface_enable(ifp_), 0);
     EXPECT_EQ(g_dhcpr_vlanif_count, 2u);
-    EXPECT_EQ(dhcpr_add_helper(ifp_, ip("192.0.2.1")), 0);
-    EXPECT_EQ(dhcpr_add_helper(ifp_, ip("192.0.2.1")), 0);
-    EXPECT_EQ(dhcpr_add_helper(ifp_, ip("192.0.2.2")), 0);
-    in6_addr s6{};
-    inet_pton(AF_INET6, "2001:db8::53", &s6);
+    for (const char *s : {"192.0.2.1", "192.0.2.1", "192.0.2.2"}) EXPECT_EQ(dhcpr_add_helper(ifp_, ip(s)), 0) << s;
+    in6_addr s6 = pfx("2001:db8::53", 128).u.prefix6;
     EXPECT_EQ(ipv6_dhcpr_add_helper(ifp_, s6), 0);
     EXPECT_EQ(dhcpr_get_relay_server_ipv4_count(relay()), 2u);
     EXPECT_EQ(relay()->server_list.size(), 3u);
@@ -120,17 +111,13 @@ TEST_F(RelayModel, ServersAreUniqueAndIpv6ServersSurviveV4Disable)
 TEST_F(RelayModel, RelayAddressesFollowTheInterfaceAddresses)
 {
     ASSERT_EQ(dhcp_if_init(ifp_), 0);
-    prefix a = v4("10.0.0.1", 24), b = v4("10.0.1.1", 24);
-    prefix ll = v6("fe80::1", 64), g6 = v6("2001:db8::1", 64);
+    prefix a = pfx("10.0.0.1", 24), b = pfx("10.0.1.1", 24), ll = pfx("fe80::1", 64), g6 = pfx("2001:db8::1", 64);
     dhcp_interface_address_add(ifp_, &a);
     dhcp_interface_address_add(ifp_, &ll);
     ASSERT_EQ(dhcpr_interface_enable(ifp_), 0);
     EXPECT_EQ(relay()->relay_ip_list.size(), 1u) << "link-local is never a relay address";
-    dhcp_interface_address_add(ifp_, &b);
-    dhcp_interface_address_add(ifp_, &g6);
-    dhcp_interface_address_add(ifp_, &b);
+    for (prefix *p : {&b, &g6, &b}) dhcp_interface_address_add(ifp_, p);
     EXPECT_EQ(relay()->relay_ip_list.size(), 3u);
-    EXPECT_NE(dhcpr_find_relay_ip_info_by_ipv4(relay(), ip("10.0.1.1")), nullptr);
     dhcp_interface_address_delete(ifp_, &a);
     EXPECT_EQ(dhcpr_find_relay_ip_info_by_ipv4(relay(), ip("10.0.0.1")), nullptr);
     EXPECT_EQ(dhcpr_if_lookup_by_ipaddr(ip("10.0.1.1")), ifp_);
@@ -148,22 +135,20 @@ TEST_F(RelayModel, RelayAddressesFollowTheInterfaceAddresses)
 
 TEST_F(RelayModel, SamePrefixRelayAddress)
 {
-    ASSERT_EQ(dhcp_if_init(ifp_), 0);
-    ASSERT_EQ(dhcpr_interface_enable(ifp_), 0);
-    for (prefix p : {v4("10.0.0.1", 24), v6("2001:db8::1", 64), v4("192.168.1.1", 16), v4("10.0.0.129", 25)})
+    enable();
+    for (prefix p : {pfx("10.0.0.1", 24), pfx("2001:db8::1", 64), pfx("192.168.1.1", 16), pfx("10.0.0.129", 25)})
         ASSERT_EQ(dhcpr_add_relay_ip(ifp_, &p), 0);
     struct { const char *yiaddr, *want; } rows[] = {
         {"10.0.0.77", "10.0.0.1"},
-        {"10.0.0.200", "10.0.0.1"},      // the /25 also holds it: the first entry wins
+        {"10.0.0.200", "10.0.0.1"},  // the /25 also holds it: the first entry wins
         {"192.168.200.5", "192.168.1.1"},
         {"192.169.0.1", nullptr},
         {"172.16.0.1", nullptr},
     };
     for (auto &r : rows)
         EXPECT_EQ(dhcpr_get_if_same_prefix_ip(relay(), ip(r.yiaddr)), r.want ? ip(r.want) : 0u) << r.yiaddr;
-    prefix any = v4("10.9.9.9", 0);
+    prefix any = pfx("10.9.9.9", 0), first = pfx("10.0.0.1", 24);
     ASSERT_EQ(dhcpr_remove_relay_ip(ifp_, &any), 0);  // not listed: nothing removed
-    prefix first = v4("10.0.0.1", 24);
     ASSERT_EQ(dhcpr_remove_relay_ip(ifp_, &first), 0);
     EXPECT_EQ(dhcpr_get_if_same_prefix_ip(relay(), ip("10.0.0.200")), ip("10.0.0.129"));
 }
@@ -174,38 +159,20 @@ TEST_F(RelayModel, OfferInfoList)
     const std::uint8_t mac[6] = {2, 0, 0, 0, 0, 9};
     dhcp_client_info_t *c = dhcp_new_client_lease_info(mac, 200, DHCPDISCOVER);
     ASSERT_NE(c, nullptr);
-    ASSERT_EQ(dhcpr_add_relay_info(c, 1, ip("10.0.0.1"), ip("192.0.2.1")), 0);
-    ASSERT_EQ(dhcpr_add_relay_info(c, 1, ip("10.0.0.1"), ip("192.0.2.1")), 0);
-    ASSERT_EQ(dhcpr_add_relay_info(c, 1, ip("10.0.0.1"), ip("192.0.2.2")), 0);
+    const std::uint32_t gw = ip("10.0.0.1"), s1 = ip("192.0.2.1"), s2 = ip("192.0.2.2");
+    for (std::uint32_t s : {s1, s1, s2}) ASSERT_EQ(dhcpr_add_relay_info(c, 1, gw, s), 0);
     EXPECT_EQ(dhcpr_offer_info_count(c), 2u);
-    EXPECT_EQ(dhcpr_update_relay_info_offer_ip(c, 2, ip("10.0.0.1"), ip("192.0.2.2"), ip("10.0.0.5")), TAVO_NOT_FOUND)
-        << "another transaction";
-    EXPECT_EQ(dhcpr_update_relay_info_offer_ip(c, 1, ip("10.0.0.1"), ip("192.0.2.2"), ip("10.0.0.5")), 0);
-    EXPECT_EQ(dhcpr_get_relay_offer_info(c, 1, ip("10.0.0.1"), ip("192.0.2.1"))->offer_client_ip, 0u);
-    EXPECT_EQ(dhcpr_get_relay_offer_info(c, 1, ip("10.0.0.1"), ip("192.0.2.2"))->offer_client_ip, ip("10.0.0.5"));
+    EXPECT_EQ(dhcpr_update_relay_info_offer_ip(c, 2, gw, s2, ip("10.0.0.5")), TAVO_NOT_FOUND) << "another xid";
+    EXPECT_EQ(dhcpr_update_relay_info_offer_ip(c, 1, gw, s2, ip("10.0.0.5")), 0);
+    EXPECT_EQ(dhcpr_get_relay_offer_info(c, 1, gw, s1)->offer_client_ip, 0u);
+    EXPECT_EQ(dhcpr_get_relay_offer_info(c, 1, gw, s2)->offer_client_ip, ip("10.0.0.5"));
     dhcpr_update_client_offer_info_xid(c, 7);
-    EXPECT_EQ(dhcpr_get_relay_offer_info(c, 1, ip("10.0.0.1"), ip("192.0.2.2")), nullptr);
-    EXPECT_NE(dhcpr_get_relay_offer_info(c, 7, ip("10.0.0.1"), ip("192.0.2.2")), nullptr);
+    EXPECT_EQ(dhcpr_get_relay_offer_info(c, 1, gw, s2), nullptr);
+    EXPECT_NE(dhcpr_get_relay_offer_info(c, 7, gw, s2), nullptr);
     std::uint64_t live = MTYPE_DHCP_OFFER_INFO.n_alloc;
     dhcpr_clear_client_offer_info(c);
     EXPECT_EQ(dhcpr_offer_info_count(c), 0u);
     EXPECT_EQ(MTYPE_DHCP_OFFER_INFO.n_alloc, live - 2) << "entries freed";
-}
-
-TEST_F(RelayModel, GlobalSwitchOffDisablesEveryRelayInterface)
-{
-    ASSERT_EQ(dhcp_if_init(ifp_), 0);
-    dhcp_relay_enable_set(1);
-    ASSERT_EQ(dhcpr_interface_enable(ifp_), 0);
-    ASSERT_EQ(dhcpr_add_helper(ifp_, ip("192.0.2.1")), 0);
-    EXPECT_EQ(dhcp_relay_is_enable(), 1);
-    std::uint64_t servers = MTYPE_DHCP_SERVER.n_alloc;
-    dhcp_relay_enable_set(0);
-    EXPECT_EQ(dhcp_relay_is_enable(), 0);
-    EXPECT_EQ(dhcpr_relay_is_enable_on_interface(ifp_), 0);
-    EXPECT_EQ(relay(), nullptr);
-    EXPECT_EQ(MTYPE_DHCP_SERVER.n_alloc, servers - 1);
-    EXPECT_EQ(g_dhcpr_vlanif_count, 0u);
 }
 
 }  // namespace
