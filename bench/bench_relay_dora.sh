@@ -24,54 +24,15 @@ CLIENTS=${2:-2000}
 ROUNDS=${3:-3}
 WINDOW=${WINDOW:-64}
 TIMEOUT=${TIMEOUT:-120}
-LOADGEN=$BUILD/bench/dhcp_loadgen
 P=brly$$
 NS_OLT=$P-olt NS_SRV=$P-srv NS_SUB=$P-sub
 NSS=("$NS_OLT" "$NS_SRV" "$NS_SUB")
 RUN=$(mktemp -d /tmp/bench-relay.XXXXXX)
-PORT=$((20000 + ($$ % 5000) * 4))
-pids=()
-
-die() { echo "bench_relay_dora: $*" >&2; exit 1; }
-in_ns() { local ns=$1; shift; ip netns exec "$ns" "$@"; }
-dhcpsh_() { timeout 10 "$BUILD/dhcpsh" -s "$RUN/dhcp.vty" "$@"; }
-oltctl_() { timeout 5 "$BUILD/sim/oltctl" -s "$RUN/oltsim.ctl" "$@"; }
-wait_for() {  # wait_for SECONDS TEST...
-  local t=$(($1 * 10)); shift
-  until "$@" 2>/dev/null; do
-    t=$((t - 1)); [ $t -gt 0 ] || return 1
-    sleep 0.1
-  done
-}
-stop_pid() {  # only what we started, by its pid
-  local pid=$1
-  kill -0 "$pid" 2>/dev/null || return 0
-  kill "$pid" 2>/dev/null || true
-  for _ in $(seq 50); do kill -0 "$pid" 2>/dev/null || return 0; sleep 0.1; done
-  kill -9 "$pid" 2>/dev/null || true
-}
-cleanup() {
-  local pid
-  [ -f "$RUN/dhcp.pid" ] && pids+=("$(cat "$RUN/dhcp.pid")")
-  for pid in "${pids[@]}"; do stop_pid "$pid"; done
-  for ns in "${NSS[@]}"; do ip netns del "$ns" 2>/dev/null || true; done
-  [ -n "${KEEP_RUN:-}" ] || rm -rf "$RUN"
-}
-trap cleanup EXIT
-trap 'exit 130' INT TERM
-
-[ "$(id -u)" -eq 0 ] || die "run as root (network namespaces, AF_PACKET)"
-for x in "$LOADGEN" "$BUILD/dhcp" "$BUILD/dhcpsh" "$BUILD/sim/oltsim" "$BUILD/sim/oltctl"; do
-  [ -x "$x" ] || die "missing $x (build dhcp_loadgen dhcp dhcpsh oltsim oltctl)"
-done
+NAME=bench_relay_dora
+source "$ROOT/bench/bench_env.sh"
 command -v dhcrelay >/dev/null || die "dhcrelay (isc-dhcp-relay) is not installed"
 command -v dnsmasq >/dev/null || die "dnsmasq is not installed"
 
-for ns in "${NSS[@]}"; do
-  ip netns add "$ns"
-  in_ns "$ns" sysctl -qw net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1
-  in_ns "$ns" ip link set lo up
-done
 ip link add br-srv0 netns "$NS_OLT" type veth peer name eth0 netns "$NS_SRV"
 ip link add br-onu1 netns "$NS_OLT" type veth peer name eth0 netns "$NS_SUB"
 for ns in "$NS_SRV" "$NS_SUB"; do in_ns "$ns" ip link set eth0 up; done
