@@ -358,19 +358,28 @@ static void delete_servers_of_family(dhcpr_t *d, bool v6, std::uint16_t vid, con
     }
 }
 
+// The interface's DHCP record when that family's relay is on, else null (logged).
+static dhcp_info_t *relay_info_to_disable(interface *ifp, bool v6, std::uint16_t vid, const char *name)
+{
+    dhcp_info_t *info = dhcp_if_info(ifp);
+    if (!info) {
+        DHCPR_EVENT_DEBUG("[EVENT][vid:%4d]relay find non-initalized if %s", vid, name);
+        return nullptr;
+    }
+    std::uint32_t type = v6 ? info->v6_type : info->v4_type;
+    if (type != DHCP_IF_TYPE_RELAY) {
+        DHCPR_EVENT_DEBUG("[EVENT][vid:%4d]relay find non relay if %s, current type is %d", vid, name, type);
+        return nullptr;
+    }
+    return info;
+}
+
 int dhcpr_interface_disable(interface *ifp)
 {
     std::uint16_t vid = if_vid(ifp);
     const char *name = ifp ? ifp->name : "";
-    dhcp_info_t *info = dhcp_if_info(ifp);
-    if (!info) {
-        DHCPR_EVENT_DEBUG("[EVENT][vid:%4d]relay find non-initalized if %s", vid, name);
-        return TAVO_PORT;
-    }
-    if (info->v4_type != DHCP_IF_TYPE_RELAY) {
-        DHCPR_EVENT_DEBUG("[EVENT][vid:%4d]relay find non relay if %s, current type is %d", vid, name, info->v4_type);
-        return TAVO_PORT;
-    }
+    dhcp_info_t *info = relay_info_to_disable(ifp, false, vid, name);
+    if (!info) return TAVO_PORT;
     if (dhcpr_t *d = info->info) {
         dhcpr_close_socket(d);
         delete_servers_of_family(d, false, vid, name);
@@ -393,15 +402,8 @@ int ipv6_dhcpr_interface_disable(interface *ifp)
 {
     std::uint16_t vid = if_vid(ifp);
     const char *name = ifp ? ifp->name : "";
-    dhcp_info_t *info = dhcp_if_info(ifp);
-    if (!info) {
-        DHCPR_EVENT_DEBUG("[EVENT][vid:%4d]relay find non-initalized if %s", vid, name);
-        return TAVO_PORT;
-    }
-    if (info->v6_type != DHCP_IF_TYPE_RELAY) {
-        DHCPR_EVENT_DEBUG("[EVENT][vid:%4d]relay find non relay if %s, current type is %d", vid, name, info->v6_type);
-        return TAVO_PORT;
-    }
+    dhcp_info_t *info = relay_info_to_disable(ifp, true, vid, name);
+    if (!info) return TAVO_PORT;
     if (dhcpr_t *d = info->info) {
         dhcp6r_close_socket(d);
         delete_servers_of_family(d, true, vid, name);
